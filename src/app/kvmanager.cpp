@@ -1,0 +1,780 @@
+#include "kvmanager.h"
+
+#include "animatedicon.h"
+#include "journaller.h"
+#include "kvmanagerhelpers.h"
+#include "messagewindow.h"
+#include "nivradeviceapi.h"
+#include "pluginmanager.h"
+#include "settingssynchronizer.h"
+
+#include <QAction>
+#include <QApplication>
+#include <QCloseEvent>
+#include <QDir>
+#include <QDockWidget>
+#include <QDragEnterEvent>
+#include <QFileDialog>
+#include <QFileInfo>
+#include <QInputDialog>
+#include <QLabel>
+#include <QMdiArea>
+#include <QMenu>
+#include <QMessageBox>
+#include <QMimeData>
+#include <QProgressBar>
+#include <QRegularExpression>
+#include <QScreen>
+#include <QSettings>
+#include <QStatusBar>
+#include <QToolBar>
+#include <QUrl>
+#include <QVBoxLayout>
+
+// Registered in this order at static initialisation, before any window exists.
+const QEvent::Type KvManager::ConfigurationChangedEvent::eventType =
+    static_cast<QEvent::Type>(QEvent::registerEventType());
+const QEvent::Type KvManager::OpenFileFailedEvent::eventType =
+    static_cast<QEvent::Type>(QEvent::registerEventType());
+const QEvent::Type KvManager::ExportFailedEvent::eventType =
+    static_cast<QEvent::Type>(QEvent::registerEventType());
+const QEvent::Type KvManager::RecordFailedEvent::eventType =
+    static_cast<QEvent::Type>(QEvent::registerEventType());
+
+namespace {
+
+const char* const recentFilesKey = "recentFiles";
+
+void journal(JournalLogLevel level, const QString& text)
+{
+    jlLog(level, text.toStdString());
+}
+
+} // namespace
+
+KvManager::KvManager(UpdateServerOptions updateServer, QWidget* parent, Qt::WindowFlags flags)
+    : QMainWindow(parent, flags), m_updateServer(std::move(updateServer))
+{
+    m_pluginManager = new PluginManager(this);
+    construct();
+
+    setupHelpMenu();
+    fixUiObjectNames();
+
+    m_deviceListDock->show();
+    m_messageWindow->show();
+    m_messageWindowDock->show();
+    m_scanLogWindowDock->hide();
+
+    loadPlugins();
+    setAcceptDrops(true);
+    applyDefaultLayout();
+    loadWindowSettings();
+    show();
+
+    readAdvancedSettings();
+
+    QList<QIcon> frames;
+    for (int i = 1; i <= 4; ++i)
+        frames.append(
+            QIcon(QStringLiteral(":/kvmanager/Resources/playbackToolbar/recording%1-32n").arg(i)));
+    m_recordIcon = new AnimatedIcon(
+        m_ui.actionRecord, frames,
+        QIcon(QStringLiteral(":/kvmanager/Resources/playbackToolbar/record-32n")), 100, this);
+
+    runUpdateCheck(m_updateServer, this);
+}
+
+KvManager::~KvManager()
+{
+    destruct();
+}
+
+void KvManager::construct()
+{
+    constructUi();
+    constructToolBarWidgets();
+    constructStatusBarWidgets();
+    constructDeviceList();
+    constructRecentFileMenu();
+    constructMessageWindow();
+    constructScanLogWindow();
+
+    m_filterOptionsCallback = new KvmFilterOptionsCallback(this);
+    // Queued: these are the entry points for requests from other threads.
+    connect(this, &KvManager::portScanRequested, this, &KvManager::handlePortScanRequested,
+            Qt::QueuedConnection);
+    connect(this, &KvManager::loadFileRequested, this, &KvManager::handleLoadFileRequested,
+            Qt::QueuedConnection);
+    connectUi();
+}
+
+void KvManager::destruct()
+{
+    delete m_filterOptionsCallback;
+    m_filterOptionsCallback = nullptr;
+    destructStatusBarWidgets();
+
+    destructScanLogWindow();
+    destructMessageWindow();
+    destructRecentFileMenu();
+    destructDeviceList();
+    destructToolBarWidgets();
+}
+
+void KvManager::constructUi()
+{
+    m_ui.setupUi(this);
+    updateWindowTitle();
+}
+
+void KvManager::constructToolBarWidgets()
+{
+    m_ui.mainToolBar->setToolButtonStyle(Qt::ToolButtonIconOnly);
+    m_ui.playbackToolBar->setToolButtonStyle(Qt::ToolButtonIconOnly);
+}
+
+void KvManager::destructToolBarWidgets() {}
+
+void KvManager::constructStatusBarWidgets()
+{
+    m_scanProgress = new QProgressBar(this);
+    m_scanProgress->setObjectName(QStringLiteral("scanProgress"));
+    m_scanProgress->setRange(0, 100);
+    m_scanProgress->setMaximumWidth(160);
+    m_scanProgress->setFormat(tr("Scanning %p%"));
+    m_scanProgress->hide();
+    statusBar()->addPermanentWidget(m_scanProgress);
+
+    m_recordingIndicator = new QLabel(this);
+    m_recordingIndicator->setObjectName(QStringLiteral("recordingIndicator"));
+    m_recordingIndicator->hide();
+    statusBar()->addPermanentWidget(m_recordingIndicator);
+
+    m_deviceCountLabel = new QLabel(tr("No devices"), this);
+    m_deviceCountLabel->setObjectName(QStringLiteral("deviceCountLabel"));
+    statusBar()->addPermanentWidget(m_deviceCountLabel);
+}
+
+void KvManager::destructStatusBarWidgets()
+{
+    delete m_scanProgress;
+    m_scanProgress = nullptr;
+    delete m_recordingIndicator;
+    m_recordingIndicator = nullptr;
+    delete m_deviceCountLabel;
+    m_deviceCountLabel = nullptr;
+}
+
+QDockWidget* KvManager::makeToolDock(const QString& title, const QString& objectName,
+                                     QWidget* content)
+{
+    auto* dock = new QDockWidget(title, this);
+    dock->setObjectName(objectName);
+    dock->setWidget(content);
+    return dock;
+}
+
+void KvManager::constructDeviceList()
+{
+    // Holds the device tree once devices can be opened; until then it says how to get some.
+    m_deviceListPlaceholder = new QWidget;
+    auto* layout = new QVBoxLayout(m_deviceListPlaceholder);
+    auto* hint =
+        new QLabel(tr("No devices.\n\nUse Device > Scan All Ports (F5) to search for devices, or "
+                      "File > Open (Ctrl+O) to open a recording."),
+                   m_deviceListPlaceholder);
+    hint->setObjectName(QStringLiteral("deviceListHint"));
+    hint->setWordWrap(true);
+    hint->setAlignment(Qt::AlignCenter);
+    hint->setEnabled(false);
+    layout->addWidget(hint);
+
+    m_deviceListDock =
+        makeToolDock(tr("Device List"), QStringLiteral("DeviceList"), m_deviceListPlaceholder);
+    m_deviceListDock->setAllowedAreas(Qt::LeftDockWidgetArea | Qt::RightDockWidgetArea);
+    m_deviceListDock->setMinimumWidth(220);
+    addDockWidget(Qt::LeftDockWidgetArea, m_deviceListDock);
+    if (!QSettings().value(QStringLiteral("allowFloatingDeviceList"), false).toBool())
+        m_deviceListDock->setFeatures(m_deviceListDock->features() &
+                                      ~QDockWidget::DockWidgetFloatable);
+    connect(m_deviceListDock, &QDockWidget::visibilityChanged, this,
+            &KvManager::handleDeviceListVisibilityChanged);
+}
+
+void KvManager::destructDeviceList()
+{
+    delete m_deviceListDock;
+    m_deviceListDock = nullptr;
+    m_deviceListPlaceholder = nullptr;
+}
+
+void KvManager::constructRecentFileMenu()
+{
+    for (QAction* action : m_ui.recentFileActions)
+        connect(action, &QAction::triggered, this, &KvManager::fileOpenRecent);
+    updateRecentFiles();
+}
+
+void KvManager::destructRecentFileMenu()
+{
+    for (QAction* action : m_ui.recentFileActions)
+        disconnect(action, nullptr, this, nullptr);
+}
+
+void KvManager::constructMessageWindow()
+{
+    m_messageWindow = new MessageWindow;
+    m_messageWindow->setObjectName(QStringLiteral("messageWindowWidget"));
+    m_messageWindowDock =
+        makeToolDock(tr("Message Window"), QStringLiteral("MessageWindow"), m_messageWindow);
+    m_messageWindowDock->setAllowedAreas(Qt::RightDockWidgetArea | Qt::TopDockWidgetArea |
+                                         Qt::BottomDockWidgetArea);
+    m_messageWindowDock->setFeatures(QDockWidget::DockWidgetClosable);
+    addDockWidget(Qt::BottomDockWidgetArea, m_messageWindowDock);
+    connect(m_messageWindowDock, &QDockWidget::visibilityChanged, this,
+            &KvManager::handleMessageWindowVisibilityChanged);
+}
+
+void KvManager::destructMessageWindow()
+{
+    delete m_messageWindowDock;
+    m_messageWindowDock = nullptr;
+    m_messageWindow = nullptr;
+}
+
+void KvManager::constructScanLogWindow()
+{
+    m_scanLogWindow = new MessageWindow;
+    m_scanLogWindow->setObjectName(QStringLiteral("scanLogWindowWidget"));
+    m_scanLogWindowDock =
+        makeToolDock(tr("Scan Log"), QStringLiteral("ScanLogWindow"), m_scanLogWindow);
+    m_scanLogWindowDock->setAllowedAreas(Qt::RightDockWidgetArea | Qt::TopDockWidgetArea |
+                                         Qt::BottomDockWidgetArea);
+    m_scanLogWindowDock->setFeatures(QDockWidget::DockWidgetClosable);
+    addDockWidget(Qt::BottomDockWidgetArea, m_scanLogWindowDock);
+    tabifyDockWidget(m_messageWindowDock, m_scanLogWindowDock);
+    connect(m_scanLogWindowDock, &QDockWidget::visibilityChanged, this,
+            &KvManager::handleScanLogVisibilityChanged);
+}
+
+void KvManager::destructScanLogWindow()
+{
+    delete m_scanLogWindowDock;
+    m_scanLogWindowDock = nullptr;
+    m_scanLogWindow = nullptr;
+}
+
+void KvManager::connectUi()
+{
+    connect(m_ui.actionOpen, &QAction::triggered, this, &KvManager::fileOpen);
+    connect(m_ui.actionClose, &QAction::triggered, this, &KvManager::fileClose);
+    connect(m_ui.actionExit, &QAction::triggered, this, &QWidget::close);
+    connect(m_ui.actionScanAllPorts, &QAction::triggered, this, &KvManager::doScanAllPorts);
+    connect(m_ui.actionScanPort, &QAction::triggered, this, &KvManager::doScanPort);
+    connect(m_ui.actionTileViews, &QAction::triggered, m_ui.mdiArea, &QMdiArea::tileSubWindows);
+    connect(m_ui.actionDeviceList, &QAction::toggled, m_deviceListDock, &QWidget::setVisible);
+    connect(m_ui.actionMessageWindow, &QAction::toggled, m_messageWindowDock, &QWidget::setVisible);
+    connect(m_ui.actionScanLog, &QAction::toggled, m_scanLogWindowDock, &QWidget::setVisible);
+    connect(m_ui.actionAbout, &QAction::triggered, this, &KvManager::showAbout);
+    connect(m_ui.actionAboutQt, &QAction::triggered, qApp, &QApplication::aboutQt);
+}
+
+void KvManager::setupHelpMenu()
+{
+    m_ui.menuHelp->addAction(m_ui.actionAboutQt);
+}
+
+void KvManager::fixUiObjectNames()
+{
+    // Stable names keep saved tool bar state and usage events meaningful across versions
+    // and languages; only objects that have none yet get one. A name already taken is
+    // qualified with the owner's name (the docks' own toggle actions, for instance).
+    static const QRegularExpression nonWord(QStringLiteral("[^A-Za-z0-9]+"));
+    QSet<QString> taken;
+    const QList<QObject*> all = findChildren<QObject*>();
+    for (QObject* object : all) {
+        if (!object->objectName().isEmpty())
+            taken.insert(object->objectName());
+    }
+    auto assign = [&](QObject* object, const QString& prefix, QString text) {
+        if (!object->objectName().isEmpty() || text.isEmpty())
+            return;
+        text.remove(QLatin1Char('&'));
+        QString name = prefix;
+        const QStringList words = text.split(nonWord, Qt::SkipEmptyParts);
+        for (const QString& word : words)
+            name += word.at(0).toUpper() + word.mid(1);
+        if (taken.contains(name) && object->parent())
+            name = object->parent()->objectName() + QLatin1Char('_') + name;
+        taken.insert(name);
+        object->setObjectName(name);
+    };
+    const QList<QAction*> actions = findChildren<QAction*>();
+    for (QAction* action : actions)
+        assign(action, QStringLiteral("action"), action->text());
+    const QList<QMenu*> menus = findChildren<QMenu*>();
+    for (QMenu* menu : menus)
+        assign(menu, QStringLiteral("menu"), menu->title());
+    const QList<QToolBar*> toolBars = findChildren<QToolBar*>();
+    for (QToolBar* toolBar : toolBars)
+        assign(toolBar, QStringLiteral("toolBar"), toolBar->windowTitle());
+}
+
+void KvManager::readAdvancedSettings()
+{
+    QSettings settings;
+    settings.beginGroup(QStringLiteral("advanced"));
+    m_networkScanner = settings.value(QStringLiteral("networkscanner"), false).toBool();
+    m_ndaDataViewEnabled = settings.value(QStringLiteral("ndaDataViewEnabled"), false).toBool();
+    m_messageOnWakeup = settings.value(QStringLiteral("messageOnWakeup"), false).toBool();
+    settings.endGroup();
+
+    if (m_networkScanner)
+        ndaEnableNetworkScanning(1);
+    // The raw-data view is a diagnostic tool, offered only when asked for.
+    m_ui.viewActions[10]->setVisible(m_ndaDataViewEnabled);
+}
+
+void KvManager::updateWindowTitle()
+{
+    QString title = QStringLiteral("%1 %2").arg(QApplication::applicationName(),
+                                                QApplication::applicationVersion());
+    if (!m_currentFileName.isEmpty())
+        title += QStringLiteral(" - [") + m_currentFileName + QLatin1Char(']');
+    setWindowTitle(title);
+}
+
+// ---- files -------------------------------------------------------------------------------
+
+void KvManager::loadFile(const QString& fileName)
+{
+    journal(JLL_DEBUG, QStringLiteral("Loading file %1").arg(fileName));
+    emit fileLoadStarted(fileName);
+    UsageStatistics::logEvent(QStringLiteral("file"), QStringLiteral("load"));
+
+    const QFileInfo info(fileName);
+    if (!info.isFile() || !info.isReadable()) {
+        onOpenFileFailed(QIODevice::ReadOnly, fileName);
+        return;
+    }
+    handleFileLoadError(fileName, 0, tr("This build cannot read recordings yet"));
+}
+
+void KvManager::loadFiles(const QList<QString>& fileNames)
+{
+    for (const QString& fileName : fileNames)
+        loadFile(fileName);
+}
+
+void KvManager::fileOpen()
+{
+    QSettings settings;
+    const QString folder = settings.value(QStringLiteral("openFileDirectory")).toString();
+    const QString fileName = QFileDialog::getOpenFileName(
+        this, tr("Open Recording"), folder,
+        tr("Recordings (*.kvb *.nm *.bin);;Kv binary logs (*.kvb);;NMEA captures (*.nm);;"
+           "Raw captures (*.bin);;All files (*)"));
+    if (fileName.isEmpty())
+        return;
+    settings.setValue(QStringLiteral("openFileDirectory"), QFileInfo(fileName).absolutePath());
+    loadFile(fileName);
+}
+
+void KvManager::fileClose()
+{
+    handleFileClosed();
+}
+
+void KvManager::fileOpenRecent()
+{
+    if (auto* action = qobject_cast<QAction*>(sender()))
+        loadFile(action->data().toString());
+}
+
+void KvManager::handleFileLoadError(const QString& fileName, int code, const QString& text)
+{
+    journal(JLL_ERROR,
+            QStringLiteral("Failed to load file %1 (%2): %3").arg(fileName).arg(code).arg(text));
+    removeRecentFile(fileName);
+    addMessageToMessageWindow(
+        QStringLiteral("Failed to load file: '%1': '%2'").arg(fileName, text));
+    showCriticalMessage(tr("Failed to load file"),
+                        QStringLiteral("Filename: %1\nError: %2").arg(fileName, text));
+}
+
+void KvManager::handleFileLoadingFinalized(const QString& fileName)
+{
+    m_currentFileName = fileName;
+    addRecentFile(fileName);
+    m_ui.actionClose->setEnabled(true);
+    updateWindowTitle();
+}
+
+void KvManager::handleFileClosed()
+{
+    m_currentFileName.clear();
+    m_ui.actionClose->setEnabled(false);
+    updateWindowTitle();
+}
+
+void KvManager::handleLoadFileRequested(const QString& fileName)
+{
+    loadFile(fileName);
+}
+
+void KvManager::onOpenFileFailed(QIODevice::OpenMode mode, const QString& fileName)
+{
+    QCoreApplication::postEvent(this, new OpenFileFailedEvent(mode, fileName));
+}
+
+void KvManager::handleExportDeviceFailed(const QString& fileName)
+{
+    QCoreApplication::postEvent(this, new ExportFailedEvent(fileName));
+}
+
+void KvManager::onRecordFailed()
+{
+    QCoreApplication::postEvent(this, new RecordFailedEvent);
+}
+
+// ---- recent files ------------------------------------------------------------------------
+
+void KvManager::addRecentFile(const QString& fileName)
+{
+    QSettings settings;
+    QStringList files = settings.value(QLatin1String(recentFilesKey)).toStringList();
+    files.removeAll(fileName);
+    files.prepend(fileName);
+    while (files.size() > maximumRecentFiles)
+        files.removeLast();
+    settings.setValue(QLatin1String(recentFilesKey), files);
+    updateRecentFiles();
+}
+
+void KvManager::removeRecentFile(const QString& fileName)
+{
+    QSettings settings;
+    QStringList files = settings.value(QLatin1String(recentFilesKey)).toStringList();
+    files.removeAll(fileName);
+    settings.setValue(QLatin1String(recentFilesKey), files);
+    updateRecentFiles();
+}
+
+void KvManager::updateRecentFiles()
+{
+    QSettings settings;
+    const QStringList files = settings.value(QLatin1String(recentFilesKey)).toStringList();
+    const int maxShown =
+        settings.value(QStringLiteral("UserInterfaceSettings/maxRecentFiles"), 4).toInt();
+    const int shown =
+        std::clamp<int>(std::min<int>(files.size(), maxShown), 0, KvManagerUi::recentFileSlots);
+
+    for (int i = 0; i < KvManagerUi::recentFileSlots; ++i) {
+        QAction* action = m_ui.recentFileActions[i];
+        if (i < shown) {
+            const QString& path = files.at(i);
+            QString name = QFileInfo(path).fileName();
+            name.replace(QLatin1Char('&'), QStringLiteral("&&"));
+            action->setText(QStringLiteral("&%1 %2").arg(i + 1).arg(name));
+            action->setData(path);
+            action->setStatusTip(tr("Load file %1").arg(path));
+            action->setVisible(true);
+        } else {
+            action->setVisible(false);
+        }
+    }
+    m_ui.menuRecentFiles->setEnabled(shown > 0);
+}
+
+// ---- scanning ----------------------------------------------------------------------------
+
+void KvManager::doScanAllPorts()
+{
+    journal(JLL_DEBUG, QStringLiteral("Scanning all ports"));
+    UsageStatistics::logEvent(QStringLiteral("device"), QStringLiteral("scanAllPorts"));
+    addMessageToScanLog(tr("Scanning all ports"));
+}
+
+void KvManager::doScanPort()
+{
+    QSettings settings;
+    const QString last = settings.value(QStringLiteral("lastScannedPort")).toString();
+    bool ok = false;
+    const QString port =
+        QInputDialog::getText(this, tr("Scan Port"), tr("Port name (for example /dev/ttyUSB0):"),
+                              QLineEdit::Normal, last, &ok)
+            .trimmed();
+    if (!ok || port.isEmpty())
+        return;
+    settings.setValue(QStringLiteral("lastScannedPort"), port);
+    emit portScanRequested(port, 0);
+}
+
+void KvManager::handlePortScanRequested(const QString& portName, int baudRate)
+{
+    journal(JLL_DEBUG, QStringLiteral("Scanning port %1 at %2").arg(portName).arg(baudRate));
+    addMessageToScanLog(tr("Scanning port %1").arg(portName));
+}
+
+// ---- messages ----------------------------------------------------------------------------
+
+void KvManager::addMessageToMessageWindow(const QString& message, bool forceVisible)
+{
+    if (forceVisible && !m_messageWindowDock->isVisible())
+        m_messageWindowDock->show();
+    m_messageWindow->addMessage(message);
+}
+
+void KvManager::addMessageToScanLog(const QString& message)
+{
+    m_scanLogWindow->addMessage(message);
+}
+
+void KvManager::showCriticalMessage(const QString& title, const QString& text)
+{
+    // One box at a time, in the order the failures happened: a box's own event loop would
+    // otherwise open the next failure's box on top of it, and the user would read them
+    // newest first.
+    m_pendingMessages.append({title, text});
+    if (m_showingMessage)
+        return;
+    m_showingMessage = true;
+    while (!m_pendingMessages.isEmpty()) {
+        const auto [boxTitle, boxText] = m_pendingMessages.takeFirst();
+        QMessageBox::critical(this, boxTitle, boxText);
+    }
+    m_showingMessage = false;
+}
+
+// ---- events ------------------------------------------------------------------------------
+
+bool KvManager::event(QEvent* event)
+{
+    const QEvent::Type type = event->type();
+    if (type == ConfigurationChangedEvent::eventType) {
+        auto* changed = static_cast<ConfigurationChangedEvent*>(event);
+        journal(JLL_DEBUG, QStringLiteral("Configuration changed for %1")
+                               .arg(QString::fromStdString(changed->deviceId().toString())));
+        return true;
+    }
+    if (type == OpenFileFailedEvent::eventType) {
+        auto* failed = static_cast<OpenFileFailedEvent*>(event);
+        showCriticalMessage(tr("Error"), tr("Failed to open file: '%1'.").arg(failed->fileName()));
+        return true;
+    }
+    if (type == ExportFailedEvent::eventType) {
+        auto* failed = static_cast<ExportFailedEvent*>(event);
+        showCriticalMessage(tr("Error"),
+                            tr("Failed to export device: '%1'.").arg(failed->fileName()));
+        return true;
+    }
+    if (type == RecordFailedEvent::eventType) {
+        showCriticalMessage(tr("Error"), tr("Failed to start recording."));
+        return true;
+    }
+    return QMainWindow::event(event);
+}
+
+void KvManager::closeEvent(QCloseEvent* event)
+{
+    QApplication::setOverrideCursor(Qt::WaitCursor);
+    m_ui.mdiArea->closeAllSubWindows();
+    saveWindowSettings();
+    savePluginSettings();
+    disconnect(m_deviceListDock, nullptr, this, nullptr);
+    disconnect(m_messageWindowDock, nullptr, this, nullptr);
+    emit closing();
+    QMainWindow::closeEvent(event);
+    QApplication::restoreOverrideCursor();
+}
+
+void KvManager::handleDeviceListVisibilityChanged(bool visible)
+{
+    QSignalBlocker blocker(m_ui.actionDeviceList);
+    m_ui.actionDeviceList->setChecked(visible);
+}
+
+void KvManager::handleMessageWindowVisibilityChanged(bool visible)
+{
+    QSignalBlocker blocker(m_ui.actionMessageWindow);
+    m_ui.actionMessageWindow->setChecked(visible);
+}
+
+void KvManager::handleScanLogVisibilityChanged(bool visible)
+{
+    QSignalBlocker blocker(m_ui.actionScanLog);
+    m_ui.actionScanLog->setChecked(visible);
+}
+
+// ---- drag and drop -----------------------------------------------------------------------
+
+bool KvManager::hasLoadableSuffix(const QString& fileName)
+{
+    // Case-sensitive on purpose: the device library only recognises these spellings.
+    const QString suffix = QFileInfo(fileName).suffix();
+    return suffix == QLatin1String("kvb") || suffix == QLatin1String("nm") ||
+           suffix == QLatin1String("bin");
+}
+
+bool KvManager::acceptsDrag(const QMimeData* data)
+{
+    if (!data || !data->hasUrls())
+        return false;
+    const QList<QUrl> urls = data->urls();
+    return std::any_of(urls.begin(), urls.end(),
+                       [](const QUrl& url) { return hasLoadableSuffix(url.path()); });
+}
+
+QStringList KvManager::filesToLoad(const QMimeData* data, Qt::DropAction action)
+{
+    QStringList files;
+    if (!data || (action != Qt::CopyAction && action != Qt::MoveAction))
+        return files;
+    const QList<QUrl> urls = data->urls();
+    for (const QUrl& url : urls) {
+        const QString path = url.toLocalFile();
+        const QFileInfo info(path);
+        if (!path.isEmpty() && info.exists() && info.isFile() && hasLoadableSuffix(path))
+            files.append(info.absoluteFilePath());
+    }
+    return files;
+}
+
+void KvManager::dragEnterEvent(QDragEnterEvent* event)
+{
+    if (event->mimeData()->hasFormat(QStringLiteral("text/uri-list")))
+        event->acceptProposedAction();
+}
+
+void KvManager::dragMoveEvent(QDragMoveEvent* event)
+{
+    if (acceptsDrag(event->mimeData()))
+        event->acceptProposedAction();
+    else
+        event->ignore();
+}
+
+void KvManager::dragLeaveEvent(QDragLeaveEvent* event)
+{
+    event->accept();
+}
+
+void KvManager::dropEvent(QDropEvent* event)
+{
+    const QStringList files = filesToLoad(event->mimeData(), event->dropAction());
+    for (const QString& file : files)
+        new KvManagerLoadFileEvent(this, file);
+    if (!files.isEmpty())
+        event->acceptProposedAction();
+}
+
+// ---- settings ----------------------------------------------------------------------------
+
+void KvManager::applyDefaultLayout()
+{
+    // What a first start looks like, before any saved layout: the window fits the screen
+    // and the data views get most of it.
+    QSize size(1280, 800);
+    if (const QScreen* screen = QGuiApplication::primaryScreen())
+        size = size.boundedTo(screen->availableGeometry().size() * 0.9);
+    resize(size);
+    resizeDocks({m_deviceListDock}, {280}, Qt::Horizontal);
+    resizeDocks({m_messageWindowDock}, {150}, Qt::Vertical);
+}
+
+void KvManager::restoreDockGeometry(QDockWidget* dock, const QVariant& stored)
+{
+    if (!stored.isValid())
+        return;
+    const QRect rect = stored.toRect();
+    if (rect.left() <= rect.right() && rect.top() <= rect.bottom())
+        dock->setGeometry(rect);
+}
+
+void KvManager::loadWindowSettings()
+{
+    QSettings settings;
+    restoreGeometry(settings.value(QStringLiteral("geometry"), saveGeometry()).toByteArray());
+    setWindowState(Qt::WindowStates(
+        settings.value(QStringLiteral("windowstate"), int(windowState())).toInt()));
+    restoreState(settings.value(QStringLiteral("toolbarState2"), saveState(0)).toByteArray(), 0);
+    restoreDockGeometry(m_deviceListDock, settings.value(QStringLiteral("deviceListGeometry")));
+    restoreDockGeometry(m_messageWindowDock,
+                        settings.value(QStringLiteral("messageWindowGeometry")));
+    restoreDockGeometry(m_scanLogWindowDock,
+                        settings.value(QStringLiteral("scanLogWindowGeometry")));
+}
+
+void KvManager::saveWindowSettings()
+{
+    QSettings settings;
+    settings.setValue(QStringLiteral("geometry"), saveGeometry());
+    settings.setValue(QStringLiteral("windowstate"), int(windowState()));
+    settings.setValue(QStringLiteral("deviceListGeometry"), m_deviceListDock->geometry());
+    settings.setValue(QStringLiteral("messageWindowGeometry"), m_messageWindowDock->geometry());
+    settings.setValue(QStringLiteral("toolbarState2"), saveState(0));
+}
+
+void KvManager::loadWidgetSettings(QWidget* widget)
+{
+    QSettings settings;
+    const QRect rect = settings.value(widget->windowTitle(), widget->frameGeometry()).toRect();
+    widget->resize(rect.size());
+    widget->move(rect.topLeft());
+}
+
+void KvManager::saveWidgetSettings(QObject* object)
+{
+    auto* widget = qobject_cast<QWidget*>(object);
+    if (!widget)
+        return;
+    QSettings().setValue(widget->windowTitle(), widget->frameGeometry());
+}
+
+// ---- plug-ins ----------------------------------------------------------------------------
+
+void KvManager::loadPlugins()
+{
+    const QString folder =
+        QDir(QCoreApplication::applicationDirPath()).filePath(QStringLiteral("plugins"));
+    const int count = m_pluginManager->loadPlugins(folder);
+    journal(JLL_DEBUG, QStringLiteral("Loaded %1 plug-ins from %2").arg(count).arg(folder));
+    const QList<PluginManager::LoadError> errors = m_pluginManager->loadErrors();
+    for (const PluginManager::LoadError& error : errors)
+        addMessageToMessageWindow(
+            tr("WARNING: Plug-in '%1' could not be loaded: %2").arg(error.fileName, error.text));
+    loadPluginSettings();
+}
+
+void KvManager::loadPluginSettings()
+{
+    const QList<SettingsSynchronizer*> plugins = m_pluginManager->pluginsOf<SettingsSynchronizer>();
+    for (SettingsSynchronizer* plugin : plugins)
+        plugin->loadSettings();
+}
+
+void KvManager::savePluginSettings()
+{
+    const QList<SettingsSynchronizer*> plugins = m_pluginManager->pluginsOf<SettingsSynchronizer>();
+    for (SettingsSynchronizer* plugin : plugins)
+        plugin->saveSettings();
+}
+
+// ---- periphery ---------------------------------------------------------------------------
+
+void KvManager::handleUpdateAvailable(const QString& version, const QString& downloadLink)
+{
+    addMessageToMessageWindow(tr("Version %1 is available: %2").arg(version, downloadLink));
+}
+
+void KvManager::showAbout()
+{
+    QMessageBox::about(
+        this, tr("About %1").arg(QApplication::applicationName()),
+        tr("<h3>%1</h3><p>Version %2</p>"
+           "<p>Scan, configure, watch and record inertial motion trackers, orientation "
+           "sensors and GNSS/INS units.</p><p>Built with Qt %3, running on Qt %4.</p>")
+            .arg(QApplication::applicationName(), QApplication::applicationVersion(),
+                 QStringLiteral(QT_VERSION_STR), QString::fromLatin1(qVersion())));
+}

@@ -1,0 +1,213 @@
+#pragma once
+
+#include "kvmanagerui.h"
+#include "nvdeviceid.h"
+#include "periphery.h"
+
+#include <QEvent>
+#include <QIODevice>
+#include <QMainWindow>
+#include <QStringList>
+
+#include <utility>
+
+class AnimatedIcon;
+class KvmFilterOptionsCallback;
+class MessageWindow;
+class PluginManager;
+class QDockWidget;
+class QLabel;
+class QMimeData;
+class QProgressBar;
+
+// The main window. It owns the long-lived companions of the application, each made by a
+// constructX member and destroyed by its destructX counterpart in reverse order.
+class KvManager : public QMainWindow, public AutoUpdatable
+{
+    Q_OBJECT
+
+public:
+    // Posted from worker threads and handled in event(); registered at static
+    // initialisation in this order.
+    class ConfigurationChangedEvent : public QEvent
+    {
+    public:
+        static const QEvent::Type eventType;
+        explicit ConfigurationChangedEvent(const NvDeviceId& id) : QEvent(eventType), m_id(id) {}
+        NvDeviceId deviceId() const { return m_id; }
+
+    private:
+        NvDeviceId m_id;
+    };
+
+    class OpenFileFailedEvent : public QEvent
+    {
+    public:
+        static const QEvent::Type eventType;
+        OpenFileFailedEvent(QIODevice::OpenMode mode, const QString& fileName)
+            : QEvent(eventType), m_mode(mode), m_fileName(fileName)
+        {
+        }
+        QIODevice::OpenMode openMode() const { return m_mode; }
+        QString fileName() const { return m_fileName; }
+
+    private:
+        QIODevice::OpenMode m_mode;
+        QString m_fileName;
+    };
+
+    class ExportFailedEvent : public QEvent
+    {
+    public:
+        static const QEvent::Type eventType;
+        explicit ExportFailedEvent(const QString& fileName)
+            : QEvent(eventType), m_fileName(fileName)
+        {
+        }
+        QString fileName() const { return m_fileName; }
+
+    private:
+        QString m_fileName;
+    };
+
+    class RecordFailedEvent : public QEvent
+    {
+    public:
+        static const QEvent::Type eventType;
+        RecordFailedEvent() : QEvent(eventType) {}
+    };
+
+    static constexpr int maximumRecentFiles = 10;
+
+    explicit KvManager(UpdateServerOptions updateServer, QWidget* parent = nullptr,
+                       Qt::WindowFlags flags = {});
+    ~KvManager() override;
+
+    void loadFile(const QString& fileName);
+    void loadFiles(const QList<QString>& fileNames);
+
+    void addRecentFile(const QString& fileName);
+    void removeRecentFile(const QString& fileName);
+    void updateRecentFiles();
+
+    void loadWindowSettings();
+    void saveWindowSettings();
+    void loadWidgetSettings(QWidget* widget);
+    void saveWidgetSettings(QObject* object);
+
+    void loadPlugins();
+    void loadPluginSettings();
+    void savePluginSettings();
+    PluginManager* pluginManager() const { return m_pluginManager; }
+
+    // Entry points other parts use to talk to the user.
+    void addMessageToMessageWindow(const QString& message, bool forceVisible = false);
+    void addMessageToScanLog(const QString& message);
+
+    // Failure entry points: they only post their event, so any thread may call them.
+    void onOpenFileFailed(QIODevice::OpenMode mode, const QString& fileName);
+    void handleExportDeviceFailed(const QString& fileName);
+    void onRecordFailed();
+
+    // The drop rules: which URLs a drag may carry, and which files a drop loads.
+    static bool hasLoadableSuffix(const QString& fileName);
+    static bool acceptsDrag(const QMimeData* data);
+    static QStringList filesToLoad(const QMimeData* data, Qt::DropAction action);
+
+    void handleUpdateAvailable(const QString& version, const QString& downloadLink) override;
+
+    MessageWindow* messageWindow() const { return m_messageWindow; }
+    MessageWindow* scanLogWindow() const { return m_scanLogWindow; }
+    QDockWidget* deviceListDock() const { return m_deviceListDock; }
+    QDockWidget* messageWindowDock() const { return m_messageWindowDock; }
+    QDockWidget* scanLogWindowDock() const { return m_scanLogWindowDock; }
+    const KvManagerUi& ui() const { return m_ui; }
+    QString currentFileName() const { return m_currentFileName; }
+
+public slots:
+    void doScanAllPorts();
+    void doScanPort();
+    void fileOpenRecent();
+    void handleFileLoadError(const QString& fileName, int code, const QString& text);
+    void handleFileLoadingFinalized(const QString& fileName);
+    void handleFileClosed();
+
+signals:
+    // Queued to the window's own handlers, so that any thread may request these.
+    void portScanRequested(const QString& portName, int baudRate);
+    void loadFileRequested(const QString& fileName);
+    void closing();
+    // A file load has begun (from the command line, the menu, a drop or a request).
+    void fileLoadStarted(const QString& fileName);
+
+protected:
+    bool event(QEvent* event) override;
+    void closeEvent(QCloseEvent* event) override;
+    void dragEnterEvent(QDragEnterEvent* event) override;
+    void dragMoveEvent(QDragMoveEvent* event) override;
+    void dragLeaveEvent(QDragLeaveEvent* event) override;
+    void dropEvent(QDropEvent* event) override;
+
+private slots:
+    void handlePortScanRequested(const QString& portName, int baudRate);
+    void handleLoadFileRequested(const QString& fileName);
+    void handleDeviceListVisibilityChanged(bool visible);
+    void handleMessageWindowVisibilityChanged(bool visible);
+    void handleScanLogVisibilityChanged(bool visible);
+    void fileOpen();
+    void fileClose();
+    void showAbout();
+
+private:
+    void construct();
+    void destruct();
+
+    void constructUi();
+    void constructToolBarWidgets();
+    void destructToolBarWidgets();
+    void constructStatusBarWidgets();
+    void destructStatusBarWidgets();
+    void constructDeviceList();
+    void destructDeviceList();
+    void constructRecentFileMenu();
+    void destructRecentFileMenu();
+    void constructMessageWindow();
+    void destructMessageWindow();
+    void constructScanLogWindow();
+    void destructScanLogWindow();
+    void connectUi();
+
+    void setupHelpMenu();
+    void fixUiObjectNames();
+    void readAdvancedSettings();
+    void updateWindowTitle();
+    void applyDefaultLayout();
+    // Modal critical box, queued behind one that is already showing.
+    void showCriticalMessage(const QString& title, const QString& text);
+    QDockWidget* makeToolDock(const QString& title, const QString& objectName, QWidget* content);
+    static void restoreDockGeometry(QDockWidget* dock, const QVariant& stored);
+
+    KvManagerUi m_ui;
+    UpdateServerOptions m_updateServer;
+    PluginManager* m_pluginManager = nullptr;
+
+    QDockWidget* m_deviceListDock = nullptr;
+    QWidget* m_deviceListPlaceholder = nullptr;
+    QDockWidget* m_messageWindowDock = nullptr;
+    MessageWindow* m_messageWindow = nullptr;
+    QDockWidget* m_scanLogWindowDock = nullptr;
+    MessageWindow* m_scanLogWindow = nullptr;
+    KvmFilterOptionsCallback* m_filterOptionsCallback = nullptr;
+    AnimatedIcon* m_recordIcon = nullptr;
+
+    QLabel* m_recordingIndicator = nullptr;
+    QLabel* m_deviceCountLabel = nullptr;
+    QProgressBar* m_scanProgress = nullptr;
+
+    QString m_currentFileName;
+    QList<std::pair<QString, QString>> m_pendingMessages; // title, text
+    bool m_showingMessage = false;
+    bool m_networkScanner = false;
+    bool m_ndaDataViewEnabled = false;
+    bool m_messageOnWakeup = false;
+};

@@ -1,0 +1,434 @@
+#include "kvmanager.h"
+#include "messagewindow.h"
+
+#include <QAction>
+#include <QApplication>
+#include <QDockWidget>
+#include <QFile>
+#include <QMenu>
+#include <QMessageBox>
+#include <QMimeData>
+#include <QSettings>
+#include <QSignalSpy>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QThread>
+#include <QTimer>
+#include <QUrl>
+
+#include <memory>
+
+// Closes every modal box that opens while it lives and remembers what they said.
+class ModalCloser : public QObject
+{
+public:
+    ModalCloser()
+    {
+        connect(&m_timer, &QTimer::timeout, this, [this] {
+            if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget())) {
+                texts.append(box->windowTitle() + QLatin1Char('|') + box->text());
+                box->done(QMessageBox::Ok);
+            }
+        });
+        m_timer.start(10);
+    }
+    QStringList texts;
+
+private:
+    QTimer m_timer;
+};
+
+class TestKvManager : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void init();
+    void cleanup();
+
+    void docksHaveTheirNamesAreasAndFeatures();
+    void floatingDeviceListIsASetting();
+    void recentFilesMoveToFrontAndKeepTen();
+    void recentFilesShown_data();
+    void recentFilesShown();
+    void recentFileWithAmpersandShowsItOnce();
+    void recentFileActionLoadsItsPath();
+    void dragMoveAcceptsOnlyKnownSuffixes_data();
+    void dragMoveAcceptsOnlyKnownSuffixes();
+    void dropLoadsOnlyExistingFilesWithCopyOrMove_data();
+    void dropLoadsOnlyExistingFilesWithCopyOrMove();
+    void failureEventsShowTheirBoxes();
+    void customEventTypesAreDistinctAndOrdered();
+    void fileLoadErrorRemovesRecentFileAndTellsUser();
+    void missingFileReportsOpenFailure();
+    void forcedMessageShowsHiddenMessageWindow();
+    void requestsFromOtherThreadsRunOnGuiThread();
+    void windowSettingsSurviveRestart();
+    void invalidDockGeometryIsIgnored();
+    void titleNamesApplicationFileAndVersion();
+    void everyActionHasAStableName();
+
+private:
+    std::unique_ptr<KvManager> m_window;
+    QTemporaryDir m_files;
+};
+
+void TestKvManager::initTestCase()
+{
+    QStandardPaths::setTestModeEnabled(true);
+    QApplication::setOrganizationName(QStringLiteral("NivraTest"));
+    QApplication::setApplicationName(QStringLiteral("Kv Manager"));
+    QApplication::setApplicationVersion(QStringLiteral("1.2.3 test"));
+    Q_INIT_RESOURCE(kvmanager);
+    QVERIFY(QSettings().fileName().contains(QStringLiteral("qttest")));
+}
+
+void TestKvManager::init()
+{
+    QSettings().clear();
+    m_window = std::make_unique<KvManager>(UpdateServerOptions());
+}
+
+void TestKvManager::cleanup()
+{
+    m_window.reset();
+}
+
+void TestKvManager::docksHaveTheirNamesAreasAndFeatures()
+{
+    QDockWidget* deviceList = m_window->deviceListDock();
+    QDockWidget* messages = m_window->messageWindowDock();
+    QDockWidget* scanLog = m_window->scanLogWindowDock();
+    QCOMPARE(deviceList->objectName(), QStringLiteral("DeviceList"));
+    QCOMPARE(deviceList->windowTitle(), QStringLiteral("Device List"));
+    QCOMPARE(messages->objectName(), QStringLiteral("MessageWindow"));
+    QCOMPARE(scanLog->objectName(), QStringLiteral("ScanLogWindow"));
+
+    QCOMPARE(deviceList->allowedAreas(), Qt::LeftDockWidgetArea | Qt::RightDockWidgetArea);
+    QCOMPARE(m_window->dockWidgetArea(deviceList), Qt::LeftDockWidgetArea);
+    for (QDockWidget* dock : {messages, scanLog}) {
+        QCOMPARE(dock->allowedAreas(),
+                 Qt::RightDockWidgetArea | Qt::TopDockWidgetArea | Qt::BottomDockWidgetArea);
+        QCOMPARE(dock->features(), QDockWidget::DockWidgetClosable);
+        QCOMPARE(m_window->dockWidgetArea(dock), Qt::BottomDockWidgetArea);
+    }
+
+    QVERIFY(deviceList->isVisible());
+    QVERIFY(messages->isVisible());
+    QVERIFY(!scanLog->isVisible());
+
+    // The view menu's toggles follow the docks both ways.
+    QVERIFY(m_window->ui().actionDeviceList->isChecked());
+    m_window->ui().actionScanLog->trigger();
+    QVERIFY(scanLog->isVisible());
+    deviceList->close();
+    QVERIFY(!m_window->ui().actionDeviceList->isChecked());
+}
+
+void TestKvManager::floatingDeviceListIsASetting()
+{
+    QVERIFY(!(m_window->deviceListDock()->features() & QDockWidget::DockWidgetFloatable));
+    m_window.reset();
+    QSettings().setValue(QStringLiteral("allowFloatingDeviceList"), true);
+    m_window = std::make_unique<KvManager>(UpdateServerOptions());
+    QVERIFY(m_window->deviceListDock()->features() & QDockWidget::DockWidgetFloatable);
+}
+
+static QStringList visibleRecentTexts(const KvManager& window)
+{
+    QStringList texts;
+    for (QAction* action : window.ui().recentFileActions) {
+        if (action->isVisible())
+            texts.append(action->text());
+    }
+    return texts;
+}
+
+void TestKvManager::recentFilesMoveToFrontAndKeepTen()
+{
+    for (int i = 1; i <= 11; ++i)
+        m_window->addRecentFile(QStringLiteral("/data/trial%1.kvb").arg(i));
+    QStringList stored = QSettings().value(QStringLiteral("recentFiles")).toStringList();
+    QCOMPARE(stored.size(), 10);
+    QCOMPARE(stored.first(), QStringLiteral("/data/trial11.kvb"));
+    QVERIFY(!stored.contains(QStringLiteral("/data/trial1.kvb")));
+
+    m_window->addRecentFile(QStringLiteral("/data/trial5.kvb"));
+    stored = QSettings().value(QStringLiteral("recentFiles")).toStringList();
+    QCOMPARE(stored.size(), 10);
+    QCOMPARE(stored.first(), QStringLiteral("/data/trial5.kvb"));
+    QCOMPARE(stored.count(QStringLiteral("/data/trial5.kvb")), 1);
+
+    // Four are shown by default, newest first, numbered from 1.
+    QCOMPARE(visibleRecentTexts(*m_window),
+             QStringList({"&1 trial5.kvb", "&2 trial11.kvb", "&3 trial10.kvb", "&4 trial9.kvb"}));
+    QCOMPARE(m_window->ui().recentFileActions[0]->statusTip(),
+             QStringLiteral("Load file /data/trial5.kvb"));
+}
+
+void TestKvManager::recentFilesShown_data()
+{
+    QTest::addColumn<QVariant>("maxRecentFiles");
+    QTest::addColumn<int>("files");
+    QTest::addColumn<int>("shown");
+    QTest::newRow("default") << QVariant() << 6 << 4;
+    QTest::newRow("zero") << QVariant(0) << 6 << 0;
+    QTest::newRow("negative") << QVariant(-3) << 6 << 0;
+    QTest::newRow("above ten") << QVariant(25) << 12 << 10;
+    QTest::newRow("fewer files than allowed") << QVariant(8) << 3 << 3;
+}
+
+void TestKvManager::recentFilesShown()
+{
+    QFETCH(QVariant, maxRecentFiles);
+    QFETCH(int, files);
+    QFETCH(int, shown);
+    if (maxRecentFiles.isValid())
+        QSettings().setValue(QStringLiteral("UserInterfaceSettings/maxRecentFiles"),
+                             maxRecentFiles);
+    for (int i = 0; i < files; ++i)
+        m_window->addRecentFile(QStringLiteral("/data/f%1.kvb").arg(i));
+    QCOMPARE(visibleRecentTexts(*m_window).size(), shown);
+    QCOMPARE(m_window->ui().menuRecentFiles->isEnabled(), shown > 0);
+}
+
+void TestKvManager::recentFileWithAmpersandShowsItOnce()
+{
+    m_window->addRecentFile(QStringLiteral("/data/R&D walk.kvb"));
+    QAction* action = m_window->ui().recentFileActions[0];
+    QCOMPARE(action->text(), QStringLiteral("&1 R&&D walk.kvb"));
+    QCOMPARE(action->data().toString(), QStringLiteral("/data/R&D walk.kvb"));
+}
+
+void TestKvManager::recentFileActionLoadsItsPath()
+{
+    ModalCloser closer;
+    m_window->addRecentFile(QStringLiteral("/data/a.kvb"));
+    m_window->addRecentFile(QStringLiteral("/data/b.kvb"));
+    QSignalSpy loads(m_window.get(), &KvManager::fileLoadStarted);
+    m_window->ui().recentFileActions[1]->trigger();
+    QCOMPARE(loads.size(), 1);
+    QCOMPARE(loads.at(0).at(0).toString(), QStringLiteral("/data/a.kvb"));
+}
+
+void TestKvManager::dragMoveAcceptsOnlyKnownSuffixes_data()
+{
+    QTest::addColumn<QStringList>("paths");
+    QTest::addColumn<bool>("accepted");
+    QTest::newRow("kvb") << QStringList{"/tmp/a.kvb"} << true;
+    QTest::newRow("nm") << QStringList{"/tmp/a.nm"} << true;
+    QTest::newRow("bin") << QStringList{"/tmp/a.bin"} << true;
+    QTest::newRow("one of several") << QStringList{"/tmp/a.txt", "/tmp/b.kvb"} << true;
+    QTest::newRow("upper-case suffix") << QStringList{"/tmp/a.KVB"} << false;
+    QTest::newRow("other suffix") << QStringList{"/tmp/a.csv"} << false;
+    QTest::newRow("no urls") << QStringList{} << false;
+}
+
+void TestKvManager::dragMoveAcceptsOnlyKnownSuffixes()
+{
+    QFETCH(QStringList, paths);
+    QFETCH(bool, accepted);
+    QMimeData data;
+    QList<QUrl> urls;
+    for (const QString& path : paths)
+        urls.append(QUrl::fromLocalFile(path));
+    data.setUrls(urls);
+
+    // Any uri list may enter; the move decides.
+    QDragEnterEvent enter(QPoint(10, 10), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(m_window.get(), &enter);
+    QVERIFY(enter.isAccepted() || paths.isEmpty());
+    QDragMoveEvent move(QPoint(10, 10), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+    move.setAccepted(false);
+    QApplication::sendEvent(m_window.get(), &move);
+    QCOMPARE(move.isAccepted(), accepted);
+}
+
+void TestKvManager::dropLoadsOnlyExistingFilesWithCopyOrMove_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<bool>("makeFolder");
+    QTest::addColumn<int>("action");
+    QTest::addColumn<bool>("loaded");
+    QTest::newRow("kvb copied") << "walk.kvb" << false << int(Qt::CopyAction) << true;
+    QTest::newRow("nm moved") << "gnss.nm" << false << int(Qt::MoveAction) << true;
+    QTest::newRow("link action") << "walk.kvb" << false << int(Qt::LinkAction) << false;
+    QTest::newRow("upper-case suffix") << "WALK.KVB" << false << int(Qt::CopyAction) << false;
+    QTest::newRow("folder") << "folder.kvb" << true << int(Qt::CopyAction) << false;
+    QTest::newRow("missing file") << "" << false << int(Qt::CopyAction) << false;
+}
+
+void TestKvManager::dropLoadsOnlyExistingFilesWithCopyOrMove()
+{
+    QFETCH(QString, name);
+    QFETCH(bool, makeFolder);
+    QFETCH(int, action);
+    QFETCH(bool, loaded);
+    QString path = m_files.filePath(name.isEmpty() ? QStringLiteral("gone.kvb") : name);
+    if (makeFolder) {
+        QVERIFY(QDir().mkpath(path));
+    } else if (!name.isEmpty()) {
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+    }
+
+    ModalCloser closer;
+    QSignalSpy loads(m_window.get(), &KvManager::fileLoadStarted);
+    QMimeData data;
+    data.setUrls({QUrl::fromLocalFile(path)});
+    QDragEnterEvent enter(QPoint(10, 10), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(m_window.get(), &enter);
+    QDropEvent drop(QPointF(10, 10), Qt::CopyAction | Qt::MoveAction | Qt::LinkAction, &data,
+                    Qt::LeftButton, Qt::NoModifier);
+    drop.setDropAction(static_cast<Qt::DropAction>(action));
+    QApplication::sendEvent(m_window.get(), &drop);
+
+    // The load happens from the event loop, never inside the drop.
+    QCOMPARE(loads.size(), 0);
+    if (loaded) {
+        QTRY_COMPARE(loads.size(), 1);
+        QCOMPARE(loads.at(0).at(0).toString(), path);
+    } else {
+        QTest::qWait(50);
+        QCOMPARE(loads.size(), 0);
+    }
+}
+
+void TestKvManager::failureEventsShowTheirBoxes()
+{
+    ModalCloser closer;
+    m_window->onOpenFileFailed(QIODevice::ReadOnly, QStringLiteral("/data/x.kvb"));
+    m_window->handleExportDeviceFailed(QStringLiteral("/data/y.kvb"));
+    m_window->onRecordFailed();
+    // Nothing is shown synchronously: the entry points only post.
+    QVERIFY(closer.texts.isEmpty());
+    QTRY_COMPARE(closer.texts.size(), 3);
+    QCOMPARE(closer.texts, QStringList({"Error|Failed to open file: '/data/x.kvb'.",
+                                        "Error|Failed to export device: '/data/y.kvb'.",
+                                        "Error|Failed to start recording."}));
+}
+
+void TestKvManager::customEventTypesAreDistinctAndOrdered()
+{
+    const int first = KvManager::ConfigurationChangedEvent::eventType;
+    QVERIFY(first >= QEvent::User && first <= QEvent::MaxUser);
+    // registerEventType hands out descending numbers; the four were taken one after another.
+    QCOMPARE(int(KvManager::OpenFileFailedEvent::eventType), first - 1);
+    QCOMPARE(int(KvManager::ExportFailedEvent::eventType), first - 2);
+    QCOMPARE(int(KvManager::RecordFailedEvent::eventType), first - 3);
+
+    const NvDeviceId id(0x0380051Au);
+    KvManager::ConfigurationChangedEvent changed(id);
+    QCOMPARE(changed.deviceId(), id);
+    // An unhandled-looking event of ours is consumed, not passed on.
+    QVERIFY(QApplication::sendEvent(m_window.get(), &changed));
+}
+
+void TestKvManager::fileLoadErrorRemovesRecentFileAndTellsUser()
+{
+    ModalCloser closer;
+    m_window->addRecentFile(QStringLiteral("/data/keep.kvb"));
+    m_window->addRecentFile(QStringLiteral("/data/broken.kvb"));
+    m_window->handleFileLoadError(QStringLiteral("/data/broken.kvb"), 3, QStringLiteral("Bad"));
+
+    QCOMPARE(QSettings().value(QStringLiteral("recentFiles")).toStringList(),
+             QStringList{"/data/keep.kvb"});
+    QCOMPARE(visibleRecentTexts(*m_window), QStringList{"&1 keep.kvb"});
+    QCOMPARE(m_window->messageWindow()->lines().last(),
+             QStringLiteral("Failed to load file: '/data/broken.kvb': 'Bad'"));
+    QCOMPARE(closer.texts,
+             QStringList{"Failed to load file|Filename: /data/broken.kvb\nError: Bad"});
+}
+
+void TestKvManager::missingFileReportsOpenFailure()
+{
+    ModalCloser closer;
+    const QString path = m_files.filePath(QStringLiteral("never-written.kvb"));
+    m_window->loadFile(path);
+    QTRY_COMPARE(closer.texts, QStringList{"Error|Failed to open file: '" + path + "'."});
+}
+
+void TestKvManager::forcedMessageShowsHiddenMessageWindow()
+{
+    m_window->messageWindowDock()->close();
+    QVERIFY(!m_window->messageWindowDock()->isVisible());
+
+    m_window->addMessageToMessageWindow(QStringLiteral("quiet"), false);
+    QVERIFY(!m_window->messageWindowDock()->isVisible());
+
+    m_window->addMessageToMessageWindow(QStringLiteral("first"), true);
+    m_window->addMessageToMessageWindow(QStringLiteral("second"), true);
+    QVERIFY(m_window->messageWindowDock()->isVisible());
+    QVERIFY(m_window->ui().actionMessageWindow->isChecked());
+    QCOMPARE(m_window->messageWindow()->lines(), QStringList({"quiet", "first", "second"}));
+}
+
+void TestKvManager::requestsFromOtherThreadsRunOnGuiThread()
+{
+    QThread* guiThread = QThread::currentThread();
+    QThread* handledOn = nullptr;
+    connect(m_window->scanLogWindow(), &MessageWindow::messageAdded, this,
+            [&handledOn] { handledOn = QThread::currentThread(); });
+
+    std::unique_ptr<QThread> worker(QThread::create(
+        [this] { emit m_window->portScanRequested(QStringLiteral("/dev/pts/7"), 115200); }));
+    worker->start();
+    QVERIFY(worker->wait(5000));
+    QTRY_VERIFY(handledOn != nullptr);
+    QCOMPARE(handledOn, guiThread);
+    QCOMPARE(m_window->scanLogWindow()->lines().last(), QStringLiteral("Scanning port /dev/pts/7"));
+}
+
+void TestKvManager::windowSettingsSurviveRestart()
+{
+    m_window->scanLogWindowDock()->show();
+    m_window->resize(900, 640);
+    m_window->close();
+    QSettings settings;
+    for (const char* key : {"geometry", "windowstate", "toolbarState2", "deviceListGeometry",
+                            "messageWindowGeometry"})
+        QVERIFY2(settings.contains(QLatin1String(key)), key);
+
+    m_window = std::make_unique<KvManager>(UpdateServerOptions());
+    QCOMPARE(m_window->size(), QSize(900, 640));
+    // The dock layout comes back, including the tool window the user opened.
+    QVERIFY(m_window->scanLogWindowDock()->isVisible());
+}
+
+void TestKvManager::invalidDockGeometryIsIgnored()
+{
+    m_window.reset();
+    QSettings().setValue(QStringLiteral("deviceListGeometry"),
+                         QRect(QPoint(50, 50), QPoint(10, 10)));
+    m_window = std::make_unique<KvManager>(UpdateServerOptions());
+    QVERIFY(m_window->deviceListDock()->geometry().width() > 0);
+    QVERIFY(m_window->deviceListDock()->geometry().left() != 50);
+}
+
+void TestKvManager::titleNamesApplicationFileAndVersion()
+{
+    QCOMPARE(m_window->windowTitle(), QStringLiteral("Kv Manager 1.2.3 test"));
+    m_window->handleFileLoadingFinalized(QStringLiteral("/data/walk.kvb"));
+    QCOMPARE(m_window->windowTitle(), QStringLiteral("Kv Manager 1.2.3 test - [/data/walk.kvb]"));
+    QVERIFY(m_window->ui().actionClose->isEnabled());
+    m_window->ui().actionClose->trigger();
+    QCOMPARE(m_window->windowTitle(), QStringLiteral("Kv Manager 1.2.3 test"));
+}
+
+void TestKvManager::everyActionHasAStableName()
+{
+    const QList<QAction*> actions = m_window->findChildren<QAction*>();
+    QSet<QString> names;
+    for (QAction* action : actions) {
+        if (action->isSeparator() || action->text().isEmpty() || action->menu())
+            continue;
+        QVERIFY2(!action->objectName().isEmpty(), qPrintable(action->text()));
+        QVERIFY2(!names.contains(action->objectName()), qPrintable(action->objectName()));
+        names.insert(action->objectName());
+    }
+}
+
+QTEST_MAIN(TestKvManager)
+#include "tst_kvmanager.moc"
