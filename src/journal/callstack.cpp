@@ -26,6 +26,11 @@ std::string frameText(int index, void* address)
         text += "?? (?)";
         return text;
     }
+    // A return address just past a call to a noreturn function (abort, qFatal) lies one
+    // byte beyond its function; the byte before it is still inside.
+    Dl_info before{};
+    if (!info.dli_sname && dladdr(static_cast<char*>(address) - 1, &before) && before.dli_sname)
+        info = before;
     const char* module = info.dli_fname ? info.dli_fname : "?";
     char offset[32];
     if (info.dli_sname) {
