@@ -167,11 +167,19 @@ void KvManager::destructStatusBarWidgets()
 }
 
 QDockWidget* KvManager::makeToolDock(const QString& title, const QString& objectName,
-                                     QWidget* content)
+                                     QWidget* content, QAction* toggle)
 {
     auto* dock = new QDockWidget(title, this);
     dock->setObjectName(objectName);
     dock->setWidget(content);
+    dock->setAllowedAreas(Qt::RightDockWidgetArea | Qt::TopDockWidgetArea |
+                          Qt::BottomDockWidgetArea);
+    dock->setFeatures(QDockWidget::DockWidgetClosable);
+    addDockWidget(Qt::BottomDockWidgetArea, dock);
+    connect(dock, &QDockWidget::visibilityChanged, toggle, [toggle](bool visible) {
+        QSignalBlocker blocker(toggle);
+        toggle->setChecked(visible);
+    });
     return dock;
 }
 
@@ -190,8 +198,9 @@ void KvManager::constructDeviceList()
     hint->setEnabled(false);
     layout->addWidget(hint);
 
-    m_deviceListDock =
-        makeToolDock(tr("Device List"), QStringLiteral("DeviceList"), m_deviceListPlaceholder);
+    m_deviceListDock = new QDockWidget(tr("Device List"), this);
+    m_deviceListDock->setObjectName(QStringLiteral("DeviceList"));
+    m_deviceListDock->setWidget(m_deviceListPlaceholder);
     m_deviceListDock->setAllowedAreas(Qt::LeftDockWidgetArea | Qt::RightDockWidgetArea);
     m_deviceListDock->setMinimumWidth(220);
     addDockWidget(Qt::LeftDockWidgetArea, m_deviceListDock);
@@ -226,14 +235,8 @@ void KvManager::constructMessageWindow()
 {
     m_messageWindow = new MessageWindow;
     m_messageWindow->setObjectName(QStringLiteral("messageWindowWidget"));
-    m_messageWindowDock =
-        makeToolDock(tr("Message Window"), QStringLiteral("MessageWindow"), m_messageWindow);
-    m_messageWindowDock->setAllowedAreas(Qt::RightDockWidgetArea | Qt::TopDockWidgetArea |
-                                         Qt::BottomDockWidgetArea);
-    m_messageWindowDock->setFeatures(QDockWidget::DockWidgetClosable);
-    addDockWidget(Qt::BottomDockWidgetArea, m_messageWindowDock);
-    connect(m_messageWindowDock, &QDockWidget::visibilityChanged, this,
-            &KvManager::handleMessageWindowVisibilityChanged);
+    m_messageWindowDock = makeToolDock(tr("Message Window"), QStringLiteral("MessageWindow"),
+                                       m_messageWindow, m_ui.actionMessageWindow);
 }
 
 void KvManager::destructMessageWindow()
@@ -247,15 +250,9 @@ void KvManager::constructScanLogWindow()
 {
     m_scanLogWindow = new MessageWindow;
     m_scanLogWindow->setObjectName(QStringLiteral("scanLogWindowWidget"));
-    m_scanLogWindowDock =
-        makeToolDock(tr("Scan Log"), QStringLiteral("ScanLogWindow"), m_scanLogWindow);
-    m_scanLogWindowDock->setAllowedAreas(Qt::RightDockWidgetArea | Qt::TopDockWidgetArea |
-                                         Qt::BottomDockWidgetArea);
-    m_scanLogWindowDock->setFeatures(QDockWidget::DockWidgetClosable);
-    addDockWidget(Qt::BottomDockWidgetArea, m_scanLogWindowDock);
+    m_scanLogWindowDock = makeToolDock(tr("Scan Log"), QStringLiteral("ScanLogWindow"),
+                                       m_scanLogWindow, m_ui.actionScanLog);
     tabifyDockWidget(m_messageWindowDock, m_scanLogWindowDock);
-    connect(m_scanLogWindowDock, &QDockWidget::visibilityChanged, this,
-            &KvManager::handleScanLogVisibilityChanged);
 }
 
 void KvManager::destructScanLogWindow()
@@ -593,18 +590,6 @@ void KvManager::handleDeviceListVisibilityChanged(bool visible)
 {
     QSignalBlocker blocker(m_ui.actionDeviceList);
     m_ui.actionDeviceList->setChecked(visible);
-}
-
-void KvManager::handleMessageWindowVisibilityChanged(bool visible)
-{
-    QSignalBlocker blocker(m_ui.actionMessageWindow);
-    m_ui.actionMessageWindow->setChecked(visible);
-}
-
-void KvManager::handleScanLogVisibilityChanged(bool visible)
-{
-    QSignalBlocker blocker(m_ui.actionScanLog);
-    m_ui.actionScanLog->setChecked(visible);
 }
 
 // ---- drag and drop -----------------------------------------------------------------------

@@ -152,8 +152,6 @@ private slots:
     void handlePortScanRequested(const QString& portName, int baudRate);
     void handleLoadFileRequested(const QString& fileName);
     void handleDeviceListVisibilityChanged(bool visible);
-    void handleMessageWindowVisibilityChanged(bool visible);
-    void handleScanLogVisibilityChanged(bool visible);
     void fileOpen();
     void fileClose();
     void showAbout();
@@ -184,7 +182,9 @@ private:
     void applyDefaultLayout();
     // Modal critical box, queued behind one that is already showing.
     void showCriticalMessage(const QString& title, const QString& text);
-    QDockWidget* makeToolDock(const QString& title, const QString& objectName, QWidget* content);
+    // A closable tool window at the bottom whose visibility the toggle action follows.
+    QDockWidget* makeToolDock(const QString& title, const QString& objectName, QWidget* content,
+                              QAction* toggle);
     static void restoreDockGeometry(QDockWidget* dock, const QVariant& stored);
 
     KvManagerUi m_ui;
