@@ -1,0 +1,92 @@
+#include "options.h"
+
+namespace kvsim {
+
+std::string helpText()
+{
+    return R"(Usage: kvsim --device KIND[:OPTIONS] [--device ...] [--seed N] [--truth FILE]
+             [--drop P] [--corrupt P] [--disconnect-after S] [--quiet]
+
+Emulates motion trackers on pseudo-terminals. Each device gets its own port that speaks
+Nbus like the hardware; hosts open the port like a serial device.
+
+Options:
+  -d, --device KIND[:OPT,...]  add a device (repeatable, at least one)
+      --seed N               seed of the motion, the sky and the faults (default 1)
+      --truth FILE           write the true value of every sample to FILE (CSV)
+      --drop P               leave out a fraction P (0..1) of the data packets
+      --corrupt P            damage a fraction P (0..1) of the data packets
+      --disconnect-after S   close every port S seconds after the start
+  -q, --quiet                no diagnostics on standard error
+  -h, --help                 this text
+      --version              the program version
+
+Kinds:
+  imu      KV-100 IMU: inertial data, no orientation (orientation items are refused)
+  ahrs     KV-300 AHRS: inertial data and orientation
+  gnss     KV-770 GNSS/INS: all of ahrs plus position, velocity, GNSS PVT and satellite
+           data, and NMEA string output; moves along a circle like a car
+  legacy   KV-L30 AHRS with the legacy 32-bit identifier: a reduced item set, <= 400 Hz
+  master:N (wireless master) is not available in this version.
+
+Device options (after the colon, separated by commas):
+  measure        start measuring at once, like a device whose WakeUp went unanswered
+  wakeup         power up with a WakeUp; measure unless the host answers within 500 ms
+  rate=N         default output rate of the 100 Hz items (where the item supports N)
+  nmea           (gnss) start with NMEA string output
+  index=N        serial index of the identifier (default: 0, 1, ... per kind)
+  drop=P, corrupt=P, disconnect=S   the fault options for this device only
+Without measure or wakeup a device starts in configuration mode and stays silent.
+
+Output on standard output: one line per device, "PORT IDENTIFIER KIND", for example
+  /dev/pts/7 1100000000001000 imu
+The same ports are appended, one per line, to $XDG_RUNTIME_DIR/kvsim/ports (or
+/tmp/kvsim-UID/ports without XDG_RUNTIME_DIR) and removed again on exit or disconnect;
+several kvsim processes share the file. SIGINT, SIGTERM and SIGHUP end the program
+cleanly. When every port has been disconnected by --disconnect-after, kvsim exits.
+
+Output items and rates (Hz; 65535 = with every packet, allowed for every item):
+  all kinds      packet counter, sample time fine, status byte/word
+  imu/ahrs/gnss  sample time coarse, UTC time, status: 1..2000 (divisors of 2000)
+                 acceleration, rate of turn, delta q, delta v: 1..2000 (divisors of 2000)
+                 acceleration HR, rate of turn HR: 400, 500, 1000, 2000
+                 magnetic field, temperature: divisors of 2000 up to 100
+                 barometric pressure: divisors of 2000 up to 50
+  ahrs/gnss      quaternion, rotation matrix, Euler angles, free acceleration: up to 400
+  gnss           lat/lon, altitudes, ECEF position, velocity: up to 400
+                 GNSS PVT data, satellite info, PVT pulse: 1, 2, 4
+                 GNSS time of week: up to 2000; GNSS age: up to 400
+  legacy         packet counter, sample time fine, status byte, quaternion, rotation
+                 matrix, Euler angles, acceleration, rate of turn: divisors of 400;
+                 temperature, magnetic field: divisors of 400 up to 100
+Divisors of 2000: 1 2 4 5 8 10 16 20 25 40 50 80 100 200 400 500 800 1000 2000.
+A packet goes out whenever an item is due; items at lower rates ride in every k-th
+packet. Real items take any precision (float32, fp12.20, fp16.32, float64) and frame
+(ENU, NED, NWU). An unsupported item or rate gives Error 33 and the old configuration
+stays. At most 32 items.
+
+Configuration persists across Reset and returns to the kind's defaults only with
+RestoreFactoryDefaults (it does not outlive the process). In measurement mode a device
+takes GoToConfig, GoToMeasurement, Reset, ReqData, SetNoRotation, ResetOrientation,
+Req/SetUtcTime, ReqGnssStatus and ForwardGnssData; anything else gets Error 4.
+
+Truth file: CSV with a header, one row per generated sample (also dropped ones):
+  device,port,kind,output,status,counter,sample_time_fine,time, q0..q3, roll,pitch,yaw,
+  gyr_*, acc_*, free_acc_*, mag_*, dq0..dq3, dv_*, pressure, temperature, latitude,
+  longitude, altitude_ellipsoid, altitude_msl, vel_*, utc_ns, time_of_week,
+  frame_q .. frame_vel
+status is sent, dropped, corrupted (checksum will fail), garbage (junk bytes before an
+intact frame) or overflow (the host did not read and the transmit buffer was full).
+Values are exactly those encoded, before quantisation, in the frame of the configured
+item (ENU when the item is not configured); NMEA rows carry orientation and velocity in
+NED. Delta q/v cover the item's own period.
+
+Faults are drawn from the seed per packet, so a seed repeats them. Dropped packets still
+use up a packet counter value; corrupted frames keep their length and fail their
+checksum. --disconnect-after closes the port as if the cable were pulled.
+
+More: docs/kvsim.md.
+)";
+}
+
+} // namespace kvsim
