@@ -41,9 +41,16 @@ if [ "${KV_HEADLESS:-}" = 1 ]; then
     app_pid=$!
     sleep "${KV_SCREENSHOT_DELAY:-5}"
     if kill -0 "$app_pid" 2>/dev/null; then
-        # The main window alone when it can be found, else the whole screen.
-        win=$(xwininfo -root -tree 2>/dev/null | awk '/"Kv Manager/ {print $1; exit}')
-        import -window "${win:-root}" "$dir/screenshot.png"
+        # The main window alone (the largest window of that name) when it can be read,
+        # else the whole screen.
+        win=$(xwininfo -root -tree 2>/dev/null | awk '/"Kv Manager/ {
+                  match($0, /[0-9]+x[0-9]+\+/); dims = substr($0, RSTART, RLENGTH - 1)
+                  split(dims, wh, "x"); area = wh[1] * wh[2]
+                  if (area > best) { best = area; id = $1 } }
+                  END { print id }')
+        if [ -z "$win" ] || ! import -window "$win" "$dir/screenshot.png" 2>/dev/null; then
+            import -window root "$dir/screenshot.png"
+        fi
         kv_log "Screenshot saved to $dir/screenshot.png"
         # SIGTERM closes the window the normal way, so settings and the journal are saved.
         kill -TERM "$app_pid"
