@@ -412,66 +412,46 @@ bool NvMessage::append(const uint8_t* bytes, size_t size)
     return true;
 }
 
-namespace {
+// Grows the data when the field lies past its end, writes it and reseals the frame.
 template <typename Writer>
-bool writeAt(NvMessage& message, size_t offset, size_t width, Writer writer)
+bool NvMessage::writeAt(size_t offset, size_t width, Writer writer)
 {
     const size_t needed = offset + width;
-    if (needed > NvMessage::MaxDataSize)
+    if (needed > MaxDataSize || !resizeData(std::max(needed, dataSize())))
         return false;
-    if (!message.resizeData(std::max(needed, message.dataSize())))
-        return false;
-    writer(const_cast<uint8_t*>(message.data()) + offset);
+    writer(m_block.bytes() + headerSize() + offset);
+    updateChecksum();
     return true;
 }
-} // namespace
 
 bool NvMessage::writeU8(size_t offset, uint8_t value)
 {
-    const bool ok = writeAt(*this, offset, 1, [&](uint8_t* p) { nvbe::writeU8(p, value); });
-    if (ok)
-        updateChecksum();
-    return ok;
+    return writeAt(offset, 1, [&](uint8_t* p) { nvbe::writeU8(p, value); });
 }
 
 bool NvMessage::writeU16(size_t offset, uint16_t value)
 {
-    const bool ok = writeAt(*this, offset, 2, [&](uint8_t* p) { nvbe::writeU16(p, value); });
-    if (ok)
-        updateChecksum();
-    return ok;
+    return writeAt(offset, 2, [&](uint8_t* p) { nvbe::writeU16(p, value); });
 }
 
 bool NvMessage::writeU32(size_t offset, uint32_t value)
 {
-    const bool ok = writeAt(*this, offset, 4, [&](uint8_t* p) { nvbe::writeU32(p, value); });
-    if (ok)
-        updateChecksum();
-    return ok;
+    return writeAt(offset, 4, [&](uint8_t* p) { nvbe::writeU32(p, value); });
 }
 
 bool NvMessage::writeU64(size_t offset, uint64_t value)
 {
-    const bool ok = writeAt(*this, offset, 8, [&](uint8_t* p) { nvbe::writeU64(p, value); });
-    if (ok)
-        updateChecksum();
-    return ok;
+    return writeAt(offset, 8, [&](uint8_t* p) { nvbe::writeU64(p, value); });
 }
 
 bool NvMessage::writeF32(size_t offset, float value)
 {
-    const bool ok = writeAt(*this, offset, 4, [&](uint8_t* p) { nvbe::writeF32(p, value); });
-    if (ok)
-        updateChecksum();
-    return ok;
+    return writeAt(offset, 4, [&](uint8_t* p) { nvbe::writeF32(p, value); });
 }
 
 bool NvMessage::writeF64(size_t offset, double value)
 {
-    const bool ok = writeAt(*this, offset, 8, [&](uint8_t* p) { nvbe::writeF64(p, value); });
-    if (ok)
-        updateChecksum();
-    return ok;
+    return writeAt(offset, 8, [&](uint8_t* p) { nvbe::writeF64(p, value); });
 }
 
 bool operator==(const NvMessage& a, const NvMessage& b)

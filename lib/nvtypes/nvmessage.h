@@ -309,6 +309,8 @@ private:
     // Makes the bytes unshared and `size` data bytes long (new bytes zero).
     bool prepareWrite(size_t size);
     void updateChecksum();
+    template <typename Writer>
+    bool writeAt(size_t offset, size_t width, Writer writer);
 
     nvdetail::FrameBlock m_block;
 };
