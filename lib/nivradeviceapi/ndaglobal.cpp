@@ -1,3 +1,4 @@
+#include "ndacontrol_p.h"
 #include "nivradeviceapi.h"
 
 #include <atomic>
@@ -31,6 +32,7 @@ extern "C" void ndaSetLogger(NdaLogSink sink, void* context)
 extern "C" void ndaTerminate(void)
 {
     nda::log(NDA_LOG_DEBUG, "Device library terminating");
+    nda::closeAllControls();
     ndaSetLogger(nullptr, nullptr);
 }
 

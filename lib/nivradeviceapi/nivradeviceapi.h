@@ -42,6 +42,9 @@ namespace nda {
 /* Writes one diagnostic line to the sink, if any. */
 void log(NdaLogLevel level, const char* line);
 } // namespace nda
+
+#include "nvcallback.h"
+#include "nvcontrol.h"
 #endif
 
 #endif

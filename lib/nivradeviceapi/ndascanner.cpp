@@ -1,0 +1,128 @@
+// Finds devices on the system's ports. Ports come from the emulator's announcement file
+// and from NV_EXTRA_PORTS (colon-separated); enumerating the system's serial ports is
+// still to come.
+#include "ndacontrol_p.h"
+#include "nivradeviceapi.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <unistd.h>
+
+namespace {
+
+std::mutex g_logMutex;
+NvScanLogCallback g_logCallback = nullptr; // guarded by g_logMutex
+
+void scanLog(const std::string& line)
+{
+    nda::log(NDA_LOG_DEBUG, line.c_str());
+    std::lock_guard<std::mutex> lock(g_logMutex);
+    if (g_logCallback)
+        g_logCallback(&line);
+}
+
+std::string announcementFile()
+{
+    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+    if (runtime && *runtime)
+        return std::string(runtime) + "/kvsim/ports";
+    return "/tmp/kvsim-" + std::to_string(getuid()) + "/ports";
+}
+
+void addPort(NvPortInfoArray& ports, const std::string& name, bool emulated)
+{
+    if (name.empty())
+        return;
+    for (const NvPortInfo& p : ports)
+        if (p.portName == name)
+            return;
+    NvPortInfo info;
+    info.portName = name;
+    info.isEmulated = emulated;
+    info.description = emulated ? "kvsim emulated device" : "extra port";
+    ports.push_back(info);
+}
+
+NvPortInfoArray candidatePorts()
+{
+    NvPortInfoArray ports;
+    std::ifstream file(announcementFile());
+    std::string line;
+    while (std::getline(file, line))
+        addPort(ports, line, true);
+    if (const char* extra = std::getenv("NV_EXTRA_PORTS")) {
+        std::string list = extra;
+        size_t start = 0;
+        while (start <= list.size()) {
+            const size_t end = std::min(list.find(':', start), list.size());
+            addPort(ports, list.substr(start, end - start), false);
+            start = end + 1;
+        }
+    }
+    return ports;
+}
+
+std::string rateText(NvBaudRate baudRate)
+{
+    return baudRate == NBR_DETECT ? std::string("any rate")
+                                  : std::to_string(nvBaudRateToRate(baudRate)) + " bd";
+}
+
+} // namespace
+
+extern "C" {
+
+void NvScanner_setScanLogCallback(NvScanLogCallback callback)
+{
+    std::lock_guard<std::mutex> lock(g_logMutex);
+    g_logCallback = callback;
+}
+
+int NvScanner_scanPort(NvPortInfo* portInfo, NvBaudRate baudRate, unsigned scanTime, int)
+{
+    if (!portInfo || portInfo->portName.empty()) {
+        nda::setResult(NRV_INVALID_ARGUMENT);
+        return 0;
+    }
+    const std::string& name = portInfo->portName;
+    if (nda::findOpenPort(name, portInfo)) {
+        // Opening it again would steal the owner's replies.
+        scanLog("Port " + name + " is open already: " + portInfo->deviceId.toString());
+        nda::setResult(NRV_OK);
+        return 1;
+    }
+    scanLog("Scanning port " + name + " at " + rateText(baudRate));
+    // A private control: the scan does not disturb the application's devices or handlers.
+    NvControl probe;
+    NvPortInfo found = *portInfo;
+    if (!probe.openPort(name, baudRate, scanTime ? scanTime : 1500u, &found)) {
+        const NvResultValue rc = nda::lastResult();
+        scanLog("No device on " + name + ": " + nvResultValueText(rc));
+        nda::setResult(rc);
+        return 0;
+    }
+    probe.closeAll();
+    *portInfo = found;
+    scanLog("Found " + found.deviceId.toString() + " on " + name + " at " +
+            std::to_string(nvBaudRateToRate(found.baudRate)) + " bd");
+    nda::setResult(NRV_OK);
+    return 1;
+}
+
+void NvScanner_scanPorts(NvPortInfoArray* out, NvBaudRate baudRate, unsigned scanTime,
+                         int ignoreNonNivra, int detectRs485)
+{
+    (void)ignoreNonNivra; // every found device speaks Nbus: foreign devices are not kept
+    if (!out)
+        return;
+    out->clear();
+    NvPortInfoArray ports = candidatePorts();
+    scanLog("Scanning " + std::to_string(ports.size()) + " port(s)");
+    for (NvPortInfo& info : ports)
+        if (NvScanner_scanPort(&info, baudRate, scanTime, detectRs485))
+            out->push_back(info);
+    scanLog("Scan done: " + std::to_string(out->size()) + " device(s)");
+    nda::setResult(out->empty() ? NRV_NO_DEVICE_FOUND : NRV_OK);
+}
+
+} // extern "C"

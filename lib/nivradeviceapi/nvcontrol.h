@@ -1,0 +1,125 @@
+#pragma once
+// The control, device and scanner functions. C linkage over opaque handles; value types
+// are nvtypes' C++ types, so callers are C++.
+//
+// Result values: every call sets the calling thread's last result (NvControl_lastResult),
+// so a result is read on the thread that made the call it belongs to.
+
+#include "nvcallback.h"
+#include "nvdeviceid.h"
+#include "nvmessage.h"
+#include "nvoutputconfiguration.h"
+#include "nvportinfo.h"
+#include "nvsyncsetting.h"
+#include "nvversion.h"
+
+struct NvControl;
+struct NvDevice;
+
+extern "C" {
+
+const char* NvResultValue_toString(NvResultValue value);
+
+// ---- Control
+NvControl* NvControl_construct(void);
+void NvControl_destruct(NvControl* control);
+// chain false: the handler replaces all earlier ones; true: it is called after them.
+void NvControl_addCallbackHandler(NvControl* control, NvCallbackPlainC* handler, int chain);
+// After this returns the handler is not called again (a call running on another thread
+// is waited for; called from inside a callback, only the running call may finish).
+void NvControl_removeCallbackHandler(NvControl* control, NvCallbackPlainC* handler);
+// Time-out of requests that wait for a reply, ms (default 1500).
+void NvControl_setReplyTimeout(NvControl* control, unsigned ms);
+unsigned NvControl_replyTimeout(NvControl* control);
+
+// timeout: ms to wait for the device to answer while opening (0: the reply time-out).
+int NvControl_openPort(NvControl* control, const NvString* portName, NvBaudRate baudRate,
+                       unsigned timeout);
+int NvControl_openPort_1(NvControl* control, NvPortInfo* portInfo, unsigned timeout);
+int NvControl_openImarPort_internal(NvControl* control, const NvString* portName,
+                                    NvBaudRate baudRate, int channel, unsigned timeout);
+int NvControl_openLogFile(NvControl* control, const NvString* fileName);
+int NvControl_closePort(NvControl* control, const NvString* portName);
+int NvControl_closePort_1(NvControl* control, const NvDeviceId* deviceId);
+void NvControl_close(NvControl* control);
+
+NvDevice* NvControl_device(NvControl* control, const NvDeviceId* deviceId);
+// A handle whose mode commands go to every open device.
+NvDevice* NvControl_broadcast(NvControl* control);
+void NvControl_deviceIds(NvControl* control, NvDeviceIdArray* out);
+void NvControl_mainDeviceIds(NvControl* control, NvDeviceIdArray* out);
+// Handles of the main devices; each carries no extra reference.
+int NvControl_mainDevices(NvControl* control, NvDevice** out, int capacity);
+void NvControl_kvDeviceIds(NvControl* control, NvDeviceIdArray* out);
+int NvControl_deviceCount(NvControl* control);
+int NvControl_isDeviceWireless(NvControl* control, const NvDeviceId* deviceId);
+int NvControl_isDeviceDocked(NvControl* control, const NvDeviceId* deviceId);
+void NvControl_dockDeviceId(NvControl* control, const NvDeviceId* deviceId, NvDeviceId* out);
+void NvControl_setOptions(NvControl* control, int enable, int disable);
+int NvControl_options(NvControl* control);
+int NvControl_loadFilterProfiles(NvControl* control, const NvString* fileName);
+int NvControl_startRestoreCommunication(NvControl* control, const NvString* portName);
+void NvControl_stopRestoreCommunication(NvControl* control);
+NvResultValue NvControl_lastResult(NvControl* control);
+const char* NvControl_lastResultText(NvControl* control);
+
+// ---- Device (every call answers false / neutral and sets NRV_INVALID_DEVICE on null)
+int NvDevice_addRef(NvDevice* device);
+int NvDevice_removeRef(NvDevice* device);
+int NvDevice_refCount(NvDevice* device);
+void NvDevice_deviceId(NvDevice* device, NvDeviceId* out);
+void NvDevice_productCode(NvDevice* device, NvString* out);
+void NvDevice_firmwareVersion(NvDevice* device, NvVersion* out);
+void NvDevice_hardwareVersion(NvDevice* device, NvVersion* out);
+void NvDevice_portName(NvDevice* device, NvString* out);
+NvBaudRate NvDevice_baudRate(NvDevice* device);
+NvDeviceState NvDevice_deviceState(NvDevice* device);
+NvConnectivityState NvDevice_connectivityState(NvDevice* device);
+int NvDevice_isMeasuring(NvDevice* device);
+int NvDevice_isInConfigMode(NvDevice* device);
+int NvDevice_isRecording(NvDevice* device);
+int NvDevice_isReadingFromFile(NvDevice* device);
+int NvDevice_isMasterDevice(NvDevice* device);
+int NvDevice_gotoConfig(NvDevice* device);
+int NvDevice_gotoMeasurement(NvDevice* device);
+int NvDevice_reset(NvDevice* device);
+int NvDevice_restoreFactoryDefaults(NvDevice* device);
+int NvDevice_reinitialize(NvDevice* device);
+int NvDevice_updateCachedDeviceInformation(NvDevice* device);
+void NvDevice_outputConfiguration(NvDevice* device, NvOutputConfigurationArray* out);
+// A refusal answers false, leaves the device's configuration as it was and sets the
+// device's error code as last result.
+int NvDevice_setOutputConfiguration(NvDevice* device, NvOutputConfigurationArray* config);
+void NvDevice_supportedUpdateRates(NvDevice* device, NvDataIdentifier id, NvIntArray* out);
+int NvDevice_maximumUpdateRate(NvDevice* device);
+void NvDevice_syncSettings(NvDevice* device, NvSyncSettingArray* out);
+int NvDevice_setSyncSettings(NvDevice* device, const NvSyncSettingArray* settings);
+void NvDevice_supportedSyncSettings(NvDevice* device, NvSyncSettingArray* out);
+int NvDevice_locationId(NvDevice* device);
+int NvDevice_setLocationId(NvDevice* device, int locationId);
+int NvDevice_setSerialBaudRate(NvDevice* device, NvBaudRate baudRate);
+// waitForReply: waits for message id + 1 or Error; timeout 0 = the control's.
+int NvDevice_sendCustomMessage(NvDevice* device, const NvMessage* message, int waitForReply,
+                               NvMessage* reply, unsigned timeout);
+int NvDevice_sendRawMessage(NvDevice* device, const NvMessage* message);
+int NvDevice_createConfigFile(NvDevice* device, const NvString* fileName);
+int NvDevice_applyConfigFile(NvDevice* device, const NvString* fileName);
+int NvDevice_setTransportMode(NvDevice* device, int enable);
+int NvDevice_enableRadio(NvDevice* device, int channel);
+int NvDevice_disableRadio(NvDevice* device);
+int NvDevice_requestBatteryLevel(NvDevice* device);
+int NvDevice_startRecording(NvDevice* device);
+int NvDevice_stopRecording(NvDevice* device);
+// Frames of this device's port dropped for a bad checksum.
+uint64_t NvDevice_checksumErrors(NvDevice* device);
+
+// ---- Scanner
+typedef void (*NvScanLogCallback)(const NvString* line);
+void NvScanner_setScanLogCallback(NvScanLogCallback callback);
+// Ports of the system (emulator announcements and NV_EXTRA_PORTS) with a device found at
+// `baudRate` (NBR_DETECT: fastest first). scanTime: ms per attempt (0: 1500).
+void NvScanner_scanPorts(NvPortInfoArray* out, NvBaudRate baudRate, unsigned scanTime,
+                         int ignoreNonNivra, int detectRs485);
+int NvScanner_scanPort(NvPortInfo* portInfo, NvBaudRate baudRate, unsigned scanTime,
+                       int detectRs485);
+}

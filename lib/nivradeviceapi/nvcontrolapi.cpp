@@ -1,0 +1,931 @@
+#include "ndacontrol_p.h"
+#include "nivradeviceapi.h"
+
+#include <algorithm>
+#include <cstring>
+
+using nda::setResult;
+
+namespace {
+
+thread_local std::vector<uint64_t> t_dispatchTickets; // dispatches running on this thread
+
+bool fail(NvResultValue value)
+{
+    setResult(value);
+    return false;
+}
+
+// A device handle usable for a port request: non-null, not the broadcast, still open.
+bool usable(NvDevice* dev)
+{
+    if (!dev || dev->isBroadcast)
+        return fail(dev ? NRV_NOT_SUPPORTED : NRV_INVALID_DEVICE);
+    if (!dev->isOpen)
+        return fail(NRV_PORT_NOT_OPEN);
+    return true;
+}
+
+unsigned timeoutOf(NvDevice* dev, unsigned timeout)
+{
+    return timeout ? timeout : dev->control->replyTimeout.load();
+}
+
+NvResultValue request(NvDevice* dev, uint8_t mid, const NvByteArray& data, NvMessage* reply,
+                      unsigned timeout = 0)
+{
+    return dev->port->request(NvMessage::toDevice(mid, data), uint8_t(mid + 1), reply,
+                              timeoutOf(dev, timeout));
+}
+
+bool done(NvResultValue rc)
+{
+    setResult(rc);
+    return rc == NRV_OK;
+}
+
+} // namespace
+
+// ------------------------------------------------------------------------ NvControl
+
+namespace {
+// Every live control, for ndaTerminate and for the scanner, which must leave ports alone
+// that a control has open. Lock order: this mutex before a control's own.
+std::mutex g_registryMutex;
+std::set<NvControl*> g_controls;
+} // namespace
+
+void nda::closeAllControls()
+{
+    std::lock_guard<std::mutex> lock(g_registryMutex);
+    for (NvControl* control : g_controls)
+        control->closeAll();
+}
+
+bool nda::findOpenPort(const std::string& name, NvPortInfo* info)
+{
+    std::lock_guard<std::mutex> lock(g_registryMutex);
+    for (NvControl* control : g_controls)
+        if (NvDevice* dev = control->findByPort(name)) {
+            if (info) {
+                info->deviceId = dev->id;
+                info->baudRate = dev->port->baudRate();
+            }
+            return true;
+        }
+    return false;
+}
+
+NvControl::NvControl()
+{
+    broadcast.control = this;
+    broadcast.isBroadcast = true;
+    std::lock_guard<std::mutex> lock(g_registryMutex);
+    g_controls.insert(this);
+}
+
+NvControl::~NvControl()
+{
+    {
+        std::lock_guard<std::mutex> lock(g_registryMutex);
+        g_controls.erase(this);
+    }
+    closeAll();
+}
+
+void NvControl::dispatchImpl(const std::function<void(const NvCallbackPlainC*)>& f)
+{
+    std::vector<NvCallbackPlainC*> snapshot;
+    uint64_t ticket = 0;
+    {
+        std::lock_guard<std::mutex> lock(m_handlerMutex);
+        if (m_handlers.empty())
+            return;
+        snapshot = m_handlers;
+        ticket = m_nextTicket++;
+        m_activeDispatches.insert(ticket);
+    }
+    t_dispatchTickets.push_back(ticket);
+    for (NvCallbackPlainC* h : snapshot) {
+        {
+            // A handler removed by an earlier handler of this very dispatch is skipped.
+            std::lock_guard<std::mutex> lock(m_handlerMutex);
+            if (std::find(m_handlers.begin(), m_handlers.end(), h) == m_handlers.end())
+                continue;
+        }
+        f(h);
+    }
+    t_dispatchTickets.pop_back();
+    {
+        std::lock_guard<std::mutex> lock(m_handlerMutex);
+        m_activeDispatches.erase(ticket);
+    }
+    m_handlerCv.notify_all();
+}
+
+void NvControl::addHandler(NvCallbackPlainC* handler, bool chain)
+{
+    if (!handler)
+        return;
+    std::lock_guard<std::mutex> lock(m_handlerMutex);
+    if (!chain)
+        m_handlers.clear();
+    if (std::find(m_handlers.begin(), m_handlers.end(), handler) == m_handlers.end())
+        m_handlers.push_back(handler);
+}
+
+void NvControl::removeHandler(NvCallbackPlainC* handler)
+{
+    std::unique_lock<std::mutex> lock(m_handlerMutex);
+    m_handlers.erase(std::remove(m_handlers.begin(), m_handlers.end(), handler), m_handlers.end());
+    // Wait for the dispatches that may still hold the handler, except this thread's own.
+    const uint64_t limit = m_nextTicket;
+    m_handlerCv.wait(lock, [&] {
+        for (uint64_t t : m_activeDispatches)
+            if (t < limit && std::find(t_dispatchTickets.begin(), t_dispatchTickets.end(), t) ==
+                                 t_dispatchTickets.end())
+                return false;
+        return true;
+    });
+}
+
+void NvControl::changeState(NvDevice* dev, NvDeviceState newState)
+{
+    const NvDeviceState old = dev->state.exchange(newState);
+    if (old == newState)
+        return;
+    dispatch([&](const NvCallbackPlainC* h) {
+        if (h->onDeviceStateChanged)
+            h->onDeviceStateChanged(h->userData, dev, newState, old);
+    });
+}
+
+namespace {
+void destroyDevice(NvControl* control, std::unique_ptr<NvDevice> dev)
+{
+    control->changeState(dev.get(), NDS_DESTRUCTING);
+    dev.reset();
+}
+} // namespace
+
+void NvControl::deviceLost(NvDevice* dev)
+{
+    std::unique_ptr<NvDevice> owned;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        auto it = m_devices.find(dev->id);
+        if (it == m_devices.end() || it->second.get() != dev)
+            return; // being closed by an API call
+        owned = std::move(it->second);
+        m_devices.erase(it);
+        m_deadPorts.push_back(dev->port); // joined later, not from its own thread
+        dev->isOpen = false;
+        if (dev->refs > 0) {
+            m_closed.push_back(std::move(owned));
+            return;
+        }
+    }
+    destroyDevice(this, std::move(owned));
+}
+
+void NvControl::release(NvDevice* dev)
+{
+    std::unique_ptr<NvDevice> owned;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        auto it =
+            std::find_if(m_closed.begin(), m_closed.end(),
+                         [dev](const std::unique_ptr<NvDevice>& d) { return d.get() == dev; });
+        if (it == m_closed.end() || dev->refs > 0)
+            return;
+        owned = std::move(*it);
+        m_closed.erase(it);
+    }
+    destroyDevice(this, std::move(owned));
+}
+
+bool NvControl::closeDevice(NvDevice* dev)
+{
+    std::unique_ptr<NvDevice> owned;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        auto it = std::find_if(m_devices.begin(), m_devices.end(),
+                               [dev](const auto& entry) { return entry.second.get() == dev; });
+        if (it == m_devices.end())
+            return fail(NRV_INVALID_DEVICE);
+        owned = std::move(it->second);
+        m_devices.erase(it);
+    }
+    dev->port->attach(nullptr);
+    dev->port->shutdown();
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        dev->isOpen = false;
+        if (dev->port->isReaderThread()) {
+            // Closed from its own callback: later handlers of this dispatch still get the
+            // handle, so the reader releases the device once it has left its callbacks.
+            m_deadPorts.push_back(dev->port);
+            dev->port->releaseOnExit(dev);
+            m_closed.push_back(std::move(owned));
+            setResult(NRV_OK);
+            return true;
+        }
+        if (dev->refs > 0) {
+            m_closed.push_back(std::move(owned));
+            setResult(NRV_OK);
+            return true;
+        }
+    }
+    destroyDevice(this, std::move(owned));
+    setResult(NRV_OK);
+    return true;
+}
+
+NvDevice* NvControl::findDevice(const NvDeviceId& id)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto it = m_devices.find(id);
+    return it == m_devices.end() ? nullptr : it->second.get();
+}
+
+NvDevice* NvControl::findByPort(const NvString& name)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    for (auto& entry : m_devices)
+        if (entry.second->port->name() == name)
+            return entry.second.get();
+    return nullptr;
+}
+
+std::vector<NvDevice*> NvControl::devices()
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    std::vector<NvDevice*> out;
+    for (auto& entry : m_devices)
+        out.push_back(entry.second.get());
+    return out;
+}
+
+void NvControl::closeAll()
+{
+    for (NvDevice* dev : devices())
+        closeDevice(dev);
+    std::vector<std::shared_ptr<nda::Port>> dead;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        dead.swap(m_deadPorts);
+    }
+    for (auto& port : dead)
+        port->shutdown();
+}
+
+namespace {
+
+NvString trimmed(const NvMessage& reply)
+{
+    NvString text(reinterpret_cast<const char*>(reply.data()), reply.dataSize());
+    while (!text.empty() && (text.back() == '\0' || text.back() == ' '))
+        text.pop_back();
+    return text;
+}
+
+struct OpeningGuard
+{
+    std::mutex& mutex;
+    std::set<std::string>& opening;
+    std::string name;
+    ~OpeningGuard()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        opening.erase(name);
+    }
+};
+
+} // namespace
+
+bool NvControl::openPort(const NvString& name, NvBaudRate baudRate, unsigned timeout,
+                         NvPortInfo* info)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        for (auto& entry : m_devices)
+            if (entry.second->port->name() == name)
+                return fail(NRV_PORT_IN_USE);
+        if (!m_opening.insert(name).second)
+            return fail(NRV_PORT_IN_USE);
+    }
+    OpeningGuard guard{m_mutex, m_opening, name};
+    if (baudRate != NBR_DETECT && nvBaudRateToRate(baudRate) == 0)
+        return fail(NRV_INVALID_BAUDRATE);
+
+    auto port = std::make_shared<nda::Port>(this, name);
+    NvResultValue rc = port->open(baudRate == NBR_DETECT ? NBR_115200 : baudRate);
+    if (rc != NRV_OK)
+        return fail(rc);
+    const unsigned t = timeout ? timeout : replyTimeout.load();
+
+    // Configuration mode first: a measuring device refuses most requests.
+    std::vector<NvBaudRate> rates;
+    if (baudRate == NBR_DETECT) {
+        rates.resize(size_t(nvBaudRatesFastestFirst(nullptr, 0)));
+        nvBaudRatesFastestFirst(rates.data(), int(rates.size()));
+    } else {
+        rates = {baudRate, baudRate}; // one retry: the first may meet a WakeUp in flight
+    }
+    rc = NRV_TIMEOUT;
+    for (NvBaudRate rate : rates) {
+        if (!port->setBaudRate(rate))
+            continue;
+        rc =
+            port->request(NvMessage::toDevice(NvMid::GoToConfig), NvMid::GoToConfigAck, nullptr, t);
+        if (rc == NRV_OK || rc == NRV_UNEXPECTED_DISCONNECT)
+            break;
+    }
+    if (rc != NRV_OK) {
+        port->shutdown();
+        return fail(rc == NRV_TIMEOUT && baudRate == NBR_DETECT ? NRV_BAUDRATE_NOT_DETECTED : rc);
+    }
+
+    auto dev = std::make_unique<NvDevice>();
+    dev->control = this;
+    NvMessage reply;
+    rc = port->request(NvMessage::toDevice(NvMid::ReqDeviceId), NvMid::DeviceId, &reply, t);
+    if (rc == NRV_OK)
+        dev->id = NvDeviceId::fromWire(reply.data(), reply.dataSize());
+    if (rc != NRV_OK || dev->id.isEmpty()) {
+        port->shutdown();
+        return fail(NRV_DEVICE_INFO_UNREADABLE);
+    }
+    // The rest is optional: an older device may refuse some of it.
+    if (port->request(NvMessage::toDevice(NvMid::ReqProductCode), NvMid::ProductCode, &reply, t) ==
+        NRV_OK)
+        dev->productCode = trimmed(reply);
+    if (port->request(NvMessage::toDevice(NvMid::ReqFirmwareRevision), NvMid::FirmwareRevision,
+                      &reply, t) == NRV_OK &&
+        reply.dataSize() >= NvVersion::FirmwareWireSize)
+        dev->firmware = NvVersion::fromFirmwareWire(reply.data());
+    if (port->request(NvMessage::toDevice(NvMid::ReqHardwareVersion), NvMid::HardwareVersion,
+                      &reply, t) == NRV_OK &&
+        reply.dataSize() >= NvVersion::HardwareWireSize)
+        dev->hardware = NvVersion::fromHardwareWire(reply.data());
+    if (port->request(NvMessage::toDevice(NvMid::ReqOutputConfiguration),
+                      NvMid::OutputConfiguration, &reply, t) == NRV_OK)
+        nvOutputConfigurationFromWire(reply.data(), reply.dataSize(), dev->outputConfiguration);
+    if (port->request(NvMessage::toDevice(NvMid::ReqSyncSettings), NvMid::SyncSettings, &reply,
+                      t) == NRV_OK)
+        nvSyncSettingsFromWire(reply.data(), reply.dataSize(), dev->syncSettings);
+    if (port->request(NvMessage::toDevice(NvMid::ReqLocationId), NvMid::LocationId, &reply, t) ==
+        NRV_OK)
+        dev->locationId = reply.readU16(0);
+    dev->port = port;
+
+    NvDevice* raw = dev.get();
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_devices.count(raw->id)) {
+            port->shutdown();
+            return fail(NRV_PORT_IN_USE); // the same device on another port
+        }
+        m_devices.emplace(raw->id, std::move(dev));
+    }
+    port->attach(raw);
+    if (info) {
+        info->portName = name;
+        info->baudRate = port->baudRate();
+        info->deviceId = raw->id;
+    }
+    nda::log(NDA_LOG_DEBUG, ("Opened " + name + ": " + raw->id.toString()).c_str());
+    changeState(raw, NDS_CONFIGURATION);
+    setResult(NRV_OK);
+    return true;
+}
+
+// ------------------------------------------------------------------------ C functions
+
+extern "C" {
+
+const char* NvResultValue_toString(NvResultValue value)
+{
+    return nvResultValueText(value);
+}
+
+NvControl* NvControl_construct(void)
+{
+    setResult(NRV_OK);
+    return new NvControl();
+}
+
+void NvControl_destruct(NvControl* control)
+{
+    delete control;
+}
+
+void NvControl_addCallbackHandler(NvControl* control, NvCallbackPlainC* handler, int chain)
+{
+    if (control)
+        control->addHandler(handler, chain != 0);
+}
+
+void NvControl_removeCallbackHandler(NvControl* control, NvCallbackPlainC* handler)
+{
+    if (control)
+        control->removeHandler(handler);
+}
+
+void NvControl_setReplyTimeout(NvControl* control, unsigned ms)
+{
+    if (control)
+        control->replyTimeout = ms ? ms : 1500;
+}
+
+unsigned NvControl_replyTimeout(NvControl* control)
+{
+    return control ? control->replyTimeout.load() : 0;
+}
+
+int NvControl_openPort(NvControl* control, const NvString* portName, NvBaudRate baudRate,
+                       unsigned timeout)
+{
+    if (!control || !portName)
+        return fail(NRV_INVALID_ARGUMENT);
+    return control->openPort(*portName, baudRate, timeout, nullptr);
+}
+
+int NvControl_openPort_1(NvControl* control, NvPortInfo* portInfo, unsigned timeout)
+{
+    if (!control || !portInfo)
+        return fail(NRV_INVALID_ARGUMENT);
+    return control->openPort(portInfo->portName, portInfo->baudRate, timeout, portInfo);
+}
+
+int NvControl_openImarPort_internal(NvControl*, const NvString*, NvBaudRate, int, unsigned)
+{
+    return fail(NRV_NOT_IMPLEMENTED);
+}
+
+int NvControl_openLogFile(NvControl*, const NvString*)
+{
+    return fail(NRV_NOT_IMPLEMENTED);
+}
+
+int NvControl_closePort(NvControl* control, const NvString* portName)
+{
+    if (!control || !portName)
+        return fail(NRV_INVALID_ARGUMENT);
+    NvDevice* dev = control->findByPort(*portName);
+    return dev ? control->closeDevice(dev) : fail(NRV_PORT_NOT_OPEN);
+}
+
+int NvControl_closePort_1(NvControl* control, const NvDeviceId* deviceId)
+{
+    if (!control || !deviceId)
+        return fail(NRV_INVALID_ARGUMENT);
+    NvDevice* dev = control->findDevice(*deviceId);
+    return dev ? control->closeDevice(dev) : fail(NRV_INVALID_DEVICE);
+}
+
+void NvControl_close(NvControl* control)
+{
+    if (control)
+        control->closeAll();
+    setResult(NRV_OK);
+}
+
+NvDevice* NvControl_device(NvControl* control, const NvDeviceId* deviceId)
+{
+    if (!control || !deviceId)
+        return nullptr;
+    return control->findDevice(*deviceId);
+}
+
+NvDevice* NvControl_broadcast(NvControl* control)
+{
+    return control ? &control->broadcast : nullptr;
+}
+
+void NvControl_deviceIds(NvControl* control, NvDeviceIdArray* out)
+{
+    if (!control || !out)
+        return;
+    out->clear();
+    for (NvDevice* dev : control->devices())
+        out->push_back(dev->id);
+}
+
+void NvControl_mainDeviceIds(NvControl* control, NvDeviceIdArray* out)
+{
+    // Every open device is on its own port until masters are supported.
+    NvControl_deviceIds(control, out);
+}
+
+int NvControl_mainDevices(NvControl* control, NvDevice** out, int capacity)
+{
+    if (!control)
+        return 0;
+    const auto devs = control->devices();
+    for (int i = 0; out && i < capacity && i < int(devs.size()); ++i)
+        out[i] = devs[size_t(i)];
+    return int(devs.size());
+}
+
+void NvControl_kvDeviceIds(NvControl* control, NvDeviceIdArray* out)
+{
+    if (!control || !out)
+        return;
+    out->clear();
+    for (NvDevice* dev : control->devices())
+        if (!dev->id.isImar())
+            out->push_back(dev->id);
+}
+
+int NvControl_deviceCount(NvControl* control)
+{
+    return control ? int(control->devices().size()) : 0;
+}
+
+int NvControl_isDeviceWireless(NvControl*, const NvDeviceId*)
+{
+    return 0;
+}
+
+int NvControl_isDeviceDocked(NvControl*, const NvDeviceId*)
+{
+    return 0;
+}
+
+void NvControl_dockDeviceId(NvControl*, const NvDeviceId*, NvDeviceId* out)
+{
+    if (out)
+        *out = NvDeviceId();
+}
+
+void NvControl_setOptions(NvControl* control, int enable, int disable)
+{
+    if (!control)
+        return;
+    int options = control->m_options.load();
+    while (!control->m_options.compare_exchange_weak(options, (options | enable) & ~disable)) {
+    }
+}
+
+int NvControl_options(NvControl* control)
+{
+    return control ? control->options() : 0;
+}
+
+int NvControl_loadFilterProfiles(NvControl*, const NvString*)
+{
+    return fail(NRV_NOT_IMPLEMENTED);
+}
+
+int NvControl_startRestoreCommunication(NvControl*, const NvString*)
+{
+    return fail(NRV_NOT_IMPLEMENTED);
+}
+
+void NvControl_stopRestoreCommunication(NvControl*) {}
+
+NvResultValue NvControl_lastResult(NvControl*)
+{
+    return nda::lastResult();
+}
+
+const char* NvControl_lastResultText(NvControl*)
+{
+    return nvResultValueText(nda::lastResult());
+}
+
+// ------------------------------------------------------------------------ NvDevice
+
+int NvDevice_addRef(NvDevice* device)
+{
+    if (!device || device->isBroadcast)
+        return 0;
+    return ++device->refs;
+}
+
+int NvDevice_removeRef(NvDevice* device)
+{
+    if (!device || device->isBroadcast)
+        return 0;
+    const int left = --device->refs;
+    if (left == 0 && !device->isOpen)
+        device->control->release(device); // may destroy the device
+    return left;
+}
+
+int NvDevice_refCount(NvDevice* device)
+{
+    return device ? device->refs.load() : 0;
+}
+
+void NvDevice_deviceId(NvDevice* device, NvDeviceId* out)
+{
+    if (out)
+        *out = device && !device->isBroadcast ? device->id : NvDeviceId();
+}
+
+void NvDevice_productCode(NvDevice* device, NvString* out)
+{
+    if (out)
+        *out = device ? device->productCode : NvString();
+}
+
+void NvDevice_firmwareVersion(NvDevice* device, NvVersion* out)
+{
+    if (out)
+        *out = device ? device->firmware : NvVersion();
+}
+
+void NvDevice_hardwareVersion(NvDevice* device, NvVersion* out)
+{
+    if (out)
+        *out = device ? device->hardware : NvVersion();
+}
+
+void NvDevice_portName(NvDevice* device, NvString* out)
+{
+    if (out)
+        *out = device && device->port ? device->port->name() : NvString();
+}
+
+NvBaudRate NvDevice_baudRate(NvDevice* device)
+{
+    return device && device->port ? device->port->baudRate() : NBR_INVALID;
+}
+
+NvDeviceState NvDevice_deviceState(NvDevice* device)
+{
+    return device ? device->state.load() : NDS_INITIAL;
+}
+
+NvConnectivityState NvDevice_connectivityState(NvDevice* device)
+{
+    if (!device || device->isBroadcast)
+        return NCS_UNKNOWN;
+    return device->isOpen ? NCS_PLUGGED_IN : NCS_DISCONNECTED;
+}
+
+int NvDevice_isMeasuring(NvDevice* device)
+{
+    return device && device->state == NDS_MEASUREMENT;
+}
+
+int NvDevice_isInConfigMode(NvDevice* device)
+{
+    return device && device->state == NDS_CONFIGURATION;
+}
+
+int NvDevice_isRecording(NvDevice*)
+{
+    return 0;
+}
+
+int NvDevice_isReadingFromFile(NvDevice*)
+{
+    return 0;
+}
+
+int NvDevice_isMasterDevice(NvDevice*)
+{
+    return 0;
+}
+
+namespace {
+int modeChange(NvDevice* device, uint8_t mid, NvResultValue failure)
+{
+    if (device && device->isBroadcast) {
+        bool ok = true;
+        for (NvDevice* dev : device->control->devices())
+            ok = modeChange(dev, mid, failure) && ok;
+        setResult(ok ? NRV_OK : failure);
+        return ok;
+    }
+    if (!usable(device))
+        return 0;
+    const NvResultValue rc = request(device, mid, {}, nullptr);
+    return done(rc);
+}
+} // namespace
+
+int NvDevice_gotoConfig(NvDevice* device)
+{
+    return modeChange(device, NvMid::GoToConfig, NRV_COULD_NOT_GO_TO_CONFIGURATION);
+}
+
+int NvDevice_gotoMeasurement(NvDevice* device)
+{
+    return modeChange(device, NvMid::GoToMeasurement, NRV_COULD_NOT_GO_TO_MEASUREMENT);
+}
+
+int NvDevice_reset(NvDevice* device)
+{
+    if (!usable(device))
+        return 0;
+    // The WakeUp that follows is answered by the reader, which keeps the device in
+    // configuration and reports it.
+    return done(request(device, NvMid::Reset, {}, nullptr));
+}
+
+int NvDevice_restoreFactoryDefaults(NvDevice* device)
+{
+    if (!usable(device))
+        return 0;
+    if (!done(request(device, NvMid::RestoreFactoryDefaults, {}, nullptr)))
+        return 0;
+    return NvDevice_updateCachedDeviceInformation(device);
+}
+
+int NvDevice_reinitialize(NvDevice*)
+{
+    return fail(NRV_NOT_IMPLEMENTED);
+}
+
+int NvDevice_updateCachedDeviceInformation(NvDevice* device)
+{
+    if (!usable(device))
+        return 0;
+    NvMessage reply;
+    NvOutputConfigurationArray config;
+    NvResultValue rc = request(device, NvMid::ReqOutputConfiguration, {}, &reply);
+    if (rc != NRV_OK || !nvOutputConfigurationFromWire(reply.data(), reply.dataSize(), config))
+        return fail(rc != NRV_OK ? rc : NRV_UNEXPECTED_REPLY);
+    NvSyncSettingArray sync;
+    rc = request(device, NvMid::ReqSyncSettings, {}, &reply);
+    if (rc == NRV_OK)
+        nvSyncSettingsFromWire(reply.data(), reply.dataSize(), sync);
+    std::lock_guard<std::mutex> lock(device->mutex);
+    device->outputConfiguration = config;
+    device->syncSettings = sync;
+    setResult(NRV_OK);
+    return 1;
+}
+
+void NvDevice_outputConfiguration(NvDevice* device, NvOutputConfigurationArray* out)
+{
+    if (!out)
+        return;
+    out->clear();
+    if (!device)
+        return;
+    std::lock_guard<std::mutex> lock(device->mutex);
+    *out = device->outputConfiguration;
+}
+
+int NvDevice_setOutputConfiguration(NvDevice* device, NvOutputConfigurationArray* config)
+{
+    if (!config)
+        return fail(NRV_INVALID_ARGUMENT);
+    if (!usable(device))
+        return 0;
+    NvByteArray wire;
+    if (!nvOutputConfigurationToWire(*config, wire))
+        return fail(NRV_INVALID_ARGUMENT);
+    NvMessage reply;
+    const NvResultValue rc = request(device, NvMid::SetOutputConfiguration, wire, &reply);
+    if (rc != NRV_OK)
+        return fail(rc);
+    NvOutputConfigurationArray applied;
+    if (!nvOutputConfigurationFromWire(reply.data(), reply.dataSize(), applied))
+        return fail(NRV_UNEXPECTED_REPLY);
+    {
+        std::lock_guard<std::mutex> lock(device->mutex);
+        device->outputConfiguration = applied;
+    }
+    *config = applied;
+    setResult(NRV_OK);
+    return 1;
+}
+
+void NvDevice_syncSettings(NvDevice* device, NvSyncSettingArray* out)
+{
+    if (!out)
+        return;
+    out->clear();
+    if (!device)
+        return;
+    std::lock_guard<std::mutex> lock(device->mutex);
+    *out = device->syncSettings;
+}
+
+int NvDevice_setSyncSettings(NvDevice* device, const NvSyncSettingArray* settings)
+{
+    if (!settings)
+        return fail(NRV_INVALID_ARGUMENT);
+    if (!usable(device))
+        return 0;
+    NvMessage reply;
+    const NvResultValue rc =
+        request(device, NvMid::SetSyncSettings, nvSyncSettingsToWire(*settings), &reply);
+    if (rc != NRV_OK)
+        return fail(rc);
+    NvSyncSettingArray applied;
+    nvSyncSettingsFromWire(reply.data(), reply.dataSize(), applied);
+    std::lock_guard<std::mutex> lock(device->mutex);
+    device->syncSettings = applied;
+    setResult(NRV_OK);
+    return 1;
+}
+
+void NvDevice_supportedSyncSettings(NvDevice*, NvSyncSettingArray* out)
+{
+    if (out)
+        out->clear();
+    setResult(NRV_NOT_IMPLEMENTED);
+}
+
+int NvDevice_locationId(NvDevice* device)
+{
+    if (!device)
+        return 0;
+    std::lock_guard<std::mutex> lock(device->mutex);
+    return device->locationId;
+}
+
+int NvDevice_setLocationId(NvDevice* device, int locationId)
+{
+    if (!usable(device))
+        return 0;
+    NvMessage reply;
+    const NvResultValue rc =
+        request(device, NvMid::SetLocationId,
+                {uint8_t((locationId >> 8) & 0xFF), uint8_t(locationId & 0xFF)}, &reply);
+    if (rc != NRV_OK)
+        return fail(rc);
+    std::lock_guard<std::mutex> lock(device->mutex);
+    device->locationId = reply.readU16(0);
+    setResult(NRV_OK);
+    return 1;
+}
+
+int NvDevice_setSerialBaudRate(NvDevice*, NvBaudRate)
+{
+    // Needs the port to follow the device's new rate after its reset.
+    return fail(NRV_NOT_IMPLEMENTED);
+}
+
+int NvDevice_sendCustomMessage(NvDevice* device, const NvMessage* message, int waitForReply,
+                               NvMessage* reply, unsigned timeout)
+{
+    if (!message || message->isEmpty())
+        return fail(NRV_INVALID_ARGUMENT);
+    if (!usable(device))
+        return 0;
+    if (!waitForReply)
+        return device->port->write(*message) ? done(NRV_OK) : fail(NRV_PORT_WRITE_ERROR);
+    const uint8_t mid = message->messageId();
+    const uint8_t replyMid = mid == NvMid::ReqData ? uint8_t(NvMid::DataPacket) : uint8_t(mid + 1);
+    return done(device->port->request(*message, replyMid, reply, timeoutOf(device, timeout)));
+}
+
+int NvDevice_sendRawMessage(NvDevice* device, const NvMessage* message)
+{
+    return NvDevice_sendCustomMessage(device, message, 0, nullptr, 0);
+}
+
+int NvDevice_createConfigFile(NvDevice*, const NvString*)
+{
+    return fail(NRV_NOT_IMPLEMENTED);
+}
+
+int NvDevice_applyConfigFile(NvDevice*, const NvString*)
+{
+    return fail(NRV_NOT_IMPLEMENTED);
+}
+
+int NvDevice_setTransportMode(NvDevice*, int)
+{
+    return fail(NRV_NOT_SUPPORTED); // wireless devices only
+}
+
+int NvDevice_enableRadio(NvDevice*, int)
+{
+    return fail(NRV_NOT_A_MASTER);
+}
+
+int NvDevice_disableRadio(NvDevice*)
+{
+    return fail(NRV_NOT_A_MASTER);
+}
+
+int NvDevice_requestBatteryLevel(NvDevice*)
+{
+    return fail(NRV_NOT_SUPPORTED);
+}
+
+int NvDevice_startRecording(NvDevice*)
+{
+    return fail(NRV_NOT_IMPLEMENTED);
+}
+
+int NvDevice_stopRecording(NvDevice*)
+{
+    return fail(NRV_NOT_IMPLEMENTED);
+}
+
+uint64_t NvDevice_checksumErrors(NvDevice* device)
+{
+    return device && device->port ? device->port->checksumErrors() : 0;
+}
+
+} // extern "C"

@@ -1,0 +1,659 @@
+// The device library against emulated devices.
+#include "kvsimharness.h"
+#include "nivradeviceapi.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <thread>
+
+using namespace std::chrono_literals;
+using kvtest::KvsimProcess;
+
+namespace {
+
+// Records what the library reports, thread-safely.
+class Recorder : public NvCallback
+{
+public:
+    struct Missed
+    {
+        NvDevice* device;
+        int count, first, last;
+    };
+    struct State
+    {
+        NvDevice* device;
+        NvDeviceState newState, oldState;
+    };
+
+    void onLiveDataAvailable(NvDevice* dev, const NvDataPacket* packet) override
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_packets[dev].push_back(*packet);
+        ++m_total;
+    }
+    void onWakeupReceived(NvDevice*) override { ++wakeUps; }
+    void onMissedPackets(NvDevice* dev, int count, int first, int last) override
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_missed.push_back({dev, count, first, last});
+    }
+    void onError(NvDevice* dev, NvResultValue error) override
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_errors.emplace_back(dev, error);
+    }
+    void onDeviceStateChanged(NvDevice* dev, NvDeviceState n, NvDeviceState o) override
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_states.push_back({dev, n, o});
+    }
+
+    size_t total()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_total;
+    }
+    std::vector<NvDataPacket> packets(NvDevice* dev)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_packets[dev];
+    }
+    size_t packetCount(NvDevice* dev)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_packets[dev].size();
+    }
+    std::vector<Missed> missed()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_missed;
+    }
+    std::vector<std::pair<NvDevice*, NvResultValue>> errors()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_errors;
+    }
+    std::atomic<int> wakeUps{0};
+
+    std::vector<State> states()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_states;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::map<NvDevice*, std::vector<NvDataPacket>> m_packets;
+    std::vector<Missed> m_missed;
+    std::vector<std::pair<NvDevice*, NvResultValue>> m_errors;
+    std::vector<State> m_states;
+    size_t m_total = 0;
+};
+
+template <typename Pred>
+bool waitUntil(Pred pred, std::chrono::milliseconds timeout = 30s)
+{
+    const auto end = kvtest::Clock::now() + timeout;
+    while (!pred()) {
+        if (kvtest::Clock::now() > end)
+            return false;
+        std::this_thread::sleep_for(10ms);
+    }
+    return true;
+}
+
+class ControlTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        control = NvControl_construct();
+        NvControl_setReplyTimeout(control, 5000); // loaded machines
+        NvControl_addCallbackHandler(control, recorder.plainC(), 1);
+    }
+    void TearDown() override
+    {
+        NvControl_close(control);
+        NvControl_destruct(control);
+    }
+    NvDevice* open(const KvsimProcess::Port& port)
+    {
+        NvString name = port.path;
+        if (!NvControl_openPort(control, &name, NBR_115200, 0))
+            return nullptr;
+        NvDeviceId id = NvDeviceId::fromString(port.id);
+        return NvControl_device(control, &id);
+    }
+
+    NvControl* control = nullptr;
+    Recorder recorder;
+};
+
+} // namespace
+
+TEST_F(ControlTest, OpensAnEmulatedDeviceAndReadsItsIdentity)
+{
+    KvsimProcess sim({"--device", "ahrs", "--quiet"});
+    ASSERT_TRUE(sim.started()) << sim.stderrText();
+    NvDevice* dev = open(sim.ports()[0]);
+    ASSERT_NE(dev, nullptr) << NvControl_lastResultText(control);
+    EXPECT_EQ(NvControl_lastResult(control), NRV_OK);
+
+    NvDeviceId id;
+    NvDevice_deviceId(dev, &id);
+    EXPECT_EQ(id.toString(), sim.ports()[0].id);
+    EXPECT_TRUE(id.hasOrientationOutput());
+    NvString productCode, portName;
+    NvDevice_productCode(dev, &productCode);
+    NvDevice_portName(dev, &portName);
+    EXPECT_FALSE(productCode.empty());
+    EXPECT_EQ(portName, sim.ports()[0].path);
+    NvVersion firmware;
+    NvDevice_firmwareVersion(dev, &firmware);
+    EXPECT_FALSE(firmware.isNull());
+    EXPECT_TRUE(NvDevice_isInConfigMode(dev));
+    NvOutputConfigurationArray config;
+    NvDevice_outputConfiguration(dev, &config);
+    EXPECT_NE(nvFindOutput(config, NDI_QUATERNION), nullptr);
+    EXPECT_EQ(NvDevice_maximumUpdateRate(dev), 2000);
+
+    EXPECT_EQ(NvControl_deviceCount(control), 1);
+    NvDeviceIdArray ids;
+    NvControl_deviceIds(control, &ids);
+    ASSERT_EQ(ids.size(), 1u);
+    EXPECT_EQ(ids[0], id);
+    const auto states = recorder.states();
+    ASSERT_FALSE(states.empty());
+    EXPECT_EQ(states[0].newState, NDS_CONFIGURATION);
+    EXPECT_EQ(states[0].oldState, NDS_INITIAL);
+
+    // Opening twice is refused; a port without a device times out.
+    NvString name = sim.ports()[0].path;
+    EXPECT_FALSE(NvControl_openPort(control, &name, NBR_115200, 0));
+    EXPECT_EQ(NvControl_lastResult(control), NRV_PORT_IN_USE);
+
+    EXPECT_TRUE(NvControl_closePort(control, &name));
+    EXPECT_EQ(NvControl_deviceCount(control), 0);
+    EXPECT_EQ(recorder.states().back().newState, NDS_DESTRUCTING);
+    EXPECT_EQ(NvControl_device(control, &id), nullptr);
+}
+
+TEST_F(ControlTest, TerminateClosesEveryControl)
+{
+    KvsimProcess sim({"--device", "imu", "--quiet"});
+    ASSERT_TRUE(sim.started()) << sim.stderrText();
+    ASSERT_NE(open(sim.ports()[0]), nullptr) << NvControl_lastResultText(control);
+    ndaTerminate();
+    EXPECT_EQ(NvControl_deviceCount(control), 0);
+    EXPECT_EQ(recorder.states().back().newState, NDS_DESTRUCTING);
+}
+
+TEST_F(ControlTest, UnknownPortAndNotImplementedAnswerCleanly)
+{
+    NvString name = "/nonexistent/port";
+    EXPECT_FALSE(NvControl_openPort(control, &name, NBR_115200, 0));
+    EXPECT_EQ(NvControl_lastResult(control), NRV_PORT_OPEN_FAILED);
+    EXPECT_FALSE(NvControl_openLogFile(control, &name));
+    EXPECT_EQ(NvControl_lastResult(control), NRV_NOT_IMPLEMENTED);
+    EXPECT_FALSE(NvDevice_gotoMeasurement(nullptr));
+    EXPECT_EQ(NvControl_lastResult(control), NRV_INVALID_DEVICE);
+    EXPECT_STREQ(NvResultValue_toString(NRV_TIMEOUT), nvResultValueText(NRV_TIMEOUT));
+}
+
+TEST_F(ControlTest, ChainedHandlersAreBothCalledAndRemovalIsFinal)
+{
+    KvsimProcess sim({"--device", "imu", "--quiet"});
+    ASSERT_TRUE(sim.started()) << sim.stderrText();
+    Recorder second;
+    NvControl_addCallbackHandler(control, second.plainC(), 1);
+    NvDevice* dev = open(sim.ports()[0]);
+    ASSERT_NE(dev, nullptr) << NvControl_lastResultText(control);
+    ASSERT_TRUE(NvDevice_gotoMeasurement(dev)) << NvControl_lastResultText(control);
+    EXPECT_TRUE(NvDevice_isMeasuring(dev));
+    ASSERT_TRUE(waitUntil([&] { return second.total() >= 50 && recorder.total() >= 50; }));
+
+    NvControl_removeCallbackHandler(control, second.plainC());
+    const size_t atRemoval = second.total();
+    const size_t firstAtRemoval = recorder.total();
+    ASSERT_TRUE(waitUntil([&] { return recorder.total() >= firstAtRemoval + 50; }));
+    EXPECT_EQ(second.total(), atRemoval);
+    EXPECT_TRUE(NvDevice_gotoConfig(dev));
+    EXPECT_TRUE(NvDevice_isInConfigMode(dev));
+    NvControl_close(control); // before the emulator goes: its hang-up would close the device
+}
+
+namespace {
+// Removes itself, or closes the device's port, from inside its first live-data callback.
+class SelfRemover : public NvCallback
+{
+public:
+    SelfRemover(NvControl* control, bool closePort) : m_control(control), m_closePort(closePort) {}
+    void onLiveDataAvailable(NvDevice* dev, const NvDataPacket*) override
+    {
+        if (++calls > 1)
+            return;
+        if (m_closePort) {
+            NvDeviceId id;
+            NvDevice_deviceId(dev, &id);
+            closed = NvControl_closePort_1(m_control, &id);
+            // A request from the port's own reader cannot be answered and says so.
+        } else {
+            NvControl_removeCallbackHandler(m_control, plainC());
+            NvMessage req = NvMessage::toDevice(NvMid::ReqProductCode);
+            requestRefused = !NvDevice_sendCustomMessage(dev, &req, 1, nullptr, 0) &&
+                             NvControl_lastResult(m_control) == NRV_INVALID_STATE;
+        }
+    }
+    std::atomic<int> calls{0};
+    std::atomic<bool> closed{false};
+    std::atomic<bool> requestRefused{false};
+
+private:
+    NvControl* m_control;
+    bool m_closePort;
+};
+} // namespace
+
+TEST_F(ControlTest, HandlersMayRemoveThemselvesAndClosePortsFromCallbacks)
+{
+    KvsimProcess sim({"--device", "imu", "--device", "ahrs", "--quiet"});
+    ASSERT_TRUE(sim.started()) << sim.stderrText();
+    NvDevice* a = open(sim.ports()[0]);
+    ASSERT_NE(a, nullptr) << NvControl_lastResultText(control);
+    SelfRemover remover(control, false);
+    NvControl_addCallbackHandler(control, remover.plainC(), 1);
+    ASSERT_TRUE(NvDevice_gotoMeasurement(a));
+    ASSERT_TRUE(waitUntil([&] { return recorder.packetCount(a) >= 100; }));
+    EXPECT_EQ(remover.calls, 1);
+    EXPECT_TRUE(remover.requestRefused);
+    ASSERT_TRUE(NvDevice_gotoConfig(a));
+
+    NvDevice* b = open(sim.ports()[1]);
+    ASSERT_NE(b, nullptr) << NvControl_lastResultText(control);
+    SelfRemover closer(control, true);
+    NvControl_addCallbackHandler(control, closer.plainC(), 1);
+    ASSERT_TRUE(NvDevice_gotoMeasurement(b));
+    ASSERT_TRUE(waitUntil([&] { return closer.closed.load(); }));
+    ASSERT_TRUE(waitUntil([&] { return NvControl_deviceCount(control) == 1; }));
+    EXPECT_TRUE(waitUntil([&] {
+        const auto states = recorder.states();
+        return states.back().device == b && states.back().newState == NDS_DESTRUCTING;
+    }));
+    NvControl_removeCallbackHandler(control, closer.plainC());
+    NvControl_close(control);
+}
+
+TEST_F(ControlTest, MeasurementDeliversTheTruthInOrder)
+{
+    const std::string dir = kvtest::makeTempDir();
+    const std::string truth = dir + "/truth.csv";
+    {
+        KvsimProcess sim({"--device", "ahrs", "--truth", truth, "--quiet"});
+        ASSERT_TRUE(sim.started()) << sim.stderrText();
+        NvDevice* dev = open(sim.ports()[0]);
+        ASSERT_NE(dev, nullptr) << NvControl_lastResultText(control);
+        ASSERT_TRUE(NvDevice_gotoMeasurement(dev));
+        ASSERT_TRUE(waitUntil([&] { return recorder.packetCount(dev) >= 200; }));
+        ASSERT_TRUE(NvDevice_gotoConfig(dev));
+        const auto packets = recorder.packets(dev);
+        EXPECT_TRUE(recorder.missed().empty());
+        for (size_t i = 1; i < packets.size(); ++i)
+            ASSERT_EQ(packets[i].packetCounter(), uint16_t(packets[i - 1].packetCounter() + 1));
+        NvControl_close(control);
+        sim.terminate();
+
+        kvtest::TruthTable table;
+        ASSERT_TRUE(table.load(truth));
+        std::map<std::pair<uint32_t, uint32_t>, const std::vector<std::string>*> rows;
+        for (const auto* row : table.rowsOf(sim.ports()[0].id))
+            rows[{uint32_t(table.number(*row, "counter")),
+                  uint32_t(uint64_t(table.number(*row, "sample_time_fine")))}] = row;
+        for (const auto& p : packets) {
+            auto it = rows.find({p.packetCounter(), p.sampleTimeFine()});
+            ASSERT_NE(it, rows.end()) << p.packetCounter();
+            EXPECT_EQ(table.text(*it->second, "status"), "sent");
+            EXPECT_NEAR(p.acceleration().x, table.number(*it->second, "acc_x"), 1e-4);
+        }
+    }
+    kvtest::removeTree(dir);
+}
+
+TEST_F(ControlTest, DroppedPacketsAreReportedAsMissedRanges)
+{
+    const std::string dir = kvtest::makeTempDir();
+    const std::string truth = dir + "/truth.csv";
+    {
+        KvsimProcess sim(
+            {"--device", "imu", "--drop", "0.05", "--seed", "7", "--truth", truth, "--quiet"});
+        ASSERT_TRUE(sim.started()) << sim.stderrText();
+        NvDevice* dev = open(sim.ports()[0]);
+        ASSERT_NE(dev, nullptr) << NvControl_lastResultText(control);
+        ASSERT_TRUE(NvDevice_gotoMeasurement(dev));
+        ASSERT_TRUE(waitUntil([&] { return recorder.packetCount(dev) >= 400; }));
+        ASSERT_TRUE(NvDevice_gotoConfig(dev));
+        const auto packets = recorder.packets(dev);
+        const auto missed = recorder.missed();
+        NvControl_close(control);
+        sim.terminate();
+        ASSERT_FALSE(missed.empty());
+
+        kvtest::TruthTable table;
+        ASSERT_TRUE(table.load(truth));
+        std::map<uint32_t, std::string> status; // first measurement only: counters unique
+        for (const auto* row : table.rowsOf(sim.ports()[0].id))
+            status.emplace(uint32_t(table.number(*row, "counter")), table.text(*row, "status"));
+        // Every gap between received packets is one reported range of dropped packets.
+        size_t gaps = 0;
+        for (size_t i = 1; i < packets.size(); ++i) {
+            const uint16_t prev = packets[i - 1].packetCounter();
+            const uint16_t cur = packets[i].packetCounter();
+            if (cur == uint16_t(prev + 1))
+                continue;
+            ASSERT_LT(gaps, missed.size());
+            EXPECT_EQ(missed[gaps].first, uint16_t(prev + 1));
+            EXPECT_EQ(missed[gaps].last, uint16_t(cur - 1));
+            EXPECT_EQ(missed[gaps].count, int(uint16_t(cur - prev - 1)));
+            for (uint16_t c = uint16_t(prev + 1); c != cur; ++c)
+                EXPECT_NE(status[c], "sent") << c;
+            ++gaps;
+        }
+        EXPECT_EQ(gaps, missed.size());
+    }
+    kvtest::removeTree(dir);
+}
+
+TEST_F(ControlTest, CorruptedPacketsAreSurvived)
+{
+    KvsimProcess sim({"--device", "ahrs", "--corrupt", "0.1", "--seed", "3", "--quiet"});
+    ASSERT_TRUE(sim.started()) << sim.stderrText();
+    NvDevice* dev = open(sim.ports()[0]);
+    ASSERT_NE(dev, nullptr) << NvControl_lastResultText(control);
+    ASSERT_TRUE(NvDevice_gotoMeasurement(dev));
+    ASSERT_TRUE(waitUntil([&] { return recorder.packetCount(dev) >= 400; }));
+    EXPECT_GT(NvDevice_checksumErrors(dev), 0u);
+    EXPECT_FALSE(recorder.missed().empty());
+    const size_t before = recorder.packetCount(dev);
+    ASSERT_TRUE(waitUntil([&] { return recorder.packetCount(dev) >= before + 50; }));
+    EXPECT_TRUE(NvDevice_gotoConfig(dev));
+    NvControl_close(control);
+}
+
+TEST_F(ControlTest, UnsupportedRateIsRefusedAndTheOldConfigurationStays)
+{
+    KvsimProcess sim({"--device", "imu", "--quiet"});
+    ASSERT_TRUE(sim.started()) << sim.stderrText();
+    NvDevice* dev = open(sim.ports()[0]);
+    ASSERT_NE(dev, nullptr) << NvControl_lastResultText(control);
+    NvOutputConfigurationArray before;
+    NvDevice_outputConfiguration(dev, &before);
+    ASSERT_FALSE(before.empty());
+
+    NvIntArray rates;
+    NvDevice_supportedUpdateRates(dev, NDI_ACCELERATION, &rates);
+    EXPECT_EQ(std::count(rates.begin(), rates.end(), 333), 0);
+    EXPECT_EQ(std::count(rates.begin(), rates.end(), 400), 1);
+    NvDevice_supportedUpdateRates(dev, NDI_QUATERNION, &rates);
+    EXPECT_TRUE(rates.empty()); // no orientation on an IMU
+
+    NvOutputConfigurationArray bad = {{NDI_PACKET_COUNTER, NV_FREQUENCY_EVERY_PACKET},
+                                      {NDI_ACCELERATION, 333}};
+    EXPECT_FALSE(NvDevice_setOutputConfiguration(dev, &bad));
+    EXPECT_EQ(NvControl_lastResult(control), NRV_INVALID_PARAMETER);
+    NvOutputConfigurationArray after;
+    NvDevice_outputConfiguration(dev, &after);
+    EXPECT_EQ(after, before);
+    ASSERT_TRUE(NvDevice_updateCachedDeviceInformation(dev));
+    NvDevice_outputConfiguration(dev, &after);
+    EXPECT_EQ(after, before);
+
+    NvOutputConfigurationArray good = {{NDI_PACKET_COUNTER, NV_FREQUENCY_EVERY_PACKET},
+                                       {NDI_ACCELERATION, 400}};
+    EXPECT_TRUE(NvDevice_setOutputConfiguration(dev, &good)) << NvControl_lastResultText(control);
+    NvDevice_outputConfiguration(dev, &after);
+    EXPECT_EQ(after.size(), 2u);
+
+    // A custom request and its reply.
+    NvMessage req = NvMessage::toDevice(NvMid::ReqProductCode);
+    NvMessage reply;
+    EXPECT_TRUE(NvDevice_sendCustomMessage(dev, &req, 1, &reply, 0));
+    EXPECT_EQ(reply.messageId(), NvMid::ProductCode);
+
+    // A frame for another bus id is ignored by the device: the wait times out.
+    NvMessage elsewhere(5, NvMid::ReqProductCode);
+    EXPECT_FALSE(NvDevice_sendCustomMessage(dev, &elsewhere, 1, &reply, 300));
+    EXPECT_EQ(NvControl_lastResult(control), NRV_TIMEOUT);
+    EXPECT_STREQ(NvControl_lastResultText(control), nvResultValueText(NRV_TIMEOUT));
+    // An unknown request is refused with the device's code.
+    NvMessage unknown = NvMessage::toDevice(0x70);
+    EXPECT_FALSE(NvDevice_sendCustomMessage(dev, &unknown, 1, &reply, 0));
+    EXPECT_EQ(NvControl_lastResult(control), NRV_INVALID_MESSAGE);
+    EXPECT_TRUE(NvDevice_sendCustomMessage(dev, &req, 1, &reply, 0)); // still in step
+    EXPECT_EQ(reply.messageId(), NvMid::ProductCode);
+    NvControl_close(control);
+}
+
+TEST_F(ControlTest, SupportedRatesAreWhatTheDevicesAccept)
+{
+    KvsimProcess sim({"--device", "imu", "--device", "ahrs", "--device", "gnss", "--device",
+                      "legacy", "--quiet"});
+    ASSERT_TRUE(sim.started()) << sim.stderrText();
+    const NvDataIdentifier quantities[] = {
+        NDI_PACKET_COUNTER, NDI_SAMPLE_TIME_FINE, NDI_SAMPLE_TIME_COARSE, NDI_STATUS_WORD,
+        NDI_UTC_TIME,       NDI_ACCELERATION,     NDI_RATE_OF_TURN,       NDI_DELTA_Q,
+        NDI_DELTA_V,        NDI_ACCELERATION_HR,  NDI_MAGNETIC_FIELD,     NDI_TEMPERATURE,
+        NDI_BARO_PRESSURE,  NDI_QUATERNION,       NDI_EULER_ANGLES,       NDI_FREE_ACCELERATION,
+        NDI_LAT_LON,        NDI_VELOCITY,         NDI_TIME_OF_WEEK,       NDI_GNSS_PVT_DATA,
+        NDI_ANALOG_IN_1};
+    for (const auto& port : sim.ports()) {
+        NvDevice* dev = open(port);
+        ASSERT_NE(dev, nullptr) << NvControl_lastResultText(control);
+        for (NvDataIdentifier q : quantities) {
+            NvIntArray rates;
+            NvDevice_supportedUpdateRates(dev, q, &rates);
+            if (rates.empty()) {
+                NvOutputConfigurationArray config = {{q, 1}};
+                EXPECT_FALSE(NvDevice_setOutputConfiguration(dev, &config))
+                    << port.kind << " " << nvDataIdentifierName(q);
+                continue;
+            }
+            EXPECT_LE(rates.back(), NvDevice_maximumUpdateRate(dev));
+            for (int rate : {rates.front(), rates.back()}) {
+                NvOutputConfigurationArray config = {{q, uint16_t(rate)}};
+                EXPECT_TRUE(NvDevice_setOutputConfiguration(dev, &config))
+                    << port.kind << " " << nvDataIdentifierName(q) << " " << rate << ": "
+                    << NvControl_lastResultText(control);
+            }
+            NvOutputConfigurationArray tooFast = {{q, uint16_t(rates.back() * 2)}};
+            EXPECT_FALSE(NvDevice_setOutputConfiguration(dev, &tooFast))
+                << port.kind << " " << nvDataIdentifierName(q);
+        }
+    }
+    NvControl_close(control);
+}
+
+TEST_F(ControlTest, ResetIsAnsweredAndTheDeviceStaysInConfiguration)
+{
+    KvsimProcess sim({"--device", "ahrs:wakeup", "--quiet"});
+    ASSERT_TRUE(sim.started()) << sim.stderrText();
+    NvDevice* dev = open(sim.ports()[0]);
+    ASSERT_NE(dev, nullptr) << NvControl_lastResultText(control);
+    EXPECT_TRUE(NvDevice_isInConfigMode(dev));
+
+    ASSERT_TRUE(NvDevice_reset(dev)) << NvControl_lastResultText(control);
+    ASSERT_TRUE(waitUntil([&] { return recorder.wakeUps >= 1; }));
+    std::this_thread::sleep_for(1500ms); // past the device's 500 ms decision
+    EXPECT_TRUE(NvDevice_isInConfigMode(dev));
+    EXPECT_EQ(recorder.packetCount(dev), 0u);
+    NvMessage req = NvMessage::toDevice(NvMid::ReqProductCode);
+    EXPECT_TRUE(NvDevice_sendCustomMessage(dev, &req, 1, nullptr, 0)); // answered: configuration
+    NvControl_close(control);
+}
+
+TEST_F(ControlTest, SyncSettingsAreSetAndRefused)
+{
+    KvsimProcess sim({"--device", "imu", "--quiet"});
+    ASSERT_TRUE(sim.started()) << sim.stderrText();
+    NvDevice* dev = open(sim.ports()[0]);
+    ASSERT_NE(dev, nullptr) << NvControl_lastResultText(control);
+
+    NvSyncSetting trigger;
+    trigger.line = NSL_IN1;
+    trigger.function = NSF_TRIGGER_INDICATION;
+    trigger.polarity = NSP_RISING_EDGE;
+    NvSyncSettingArray settings = {trigger};
+    ASSERT_TRUE(NvDevice_setSyncSettings(dev, &settings)) << NvControl_lastResultText(control);
+    NvSyncSettingArray cached;
+    NvDevice_syncSettings(dev, &cached);
+    ASSERT_EQ(cached.size(), 1u);
+    EXPECT_EQ(cached[0].line, NSL_IN1);
+    EXPECT_EQ(cached[0].function, NSF_TRIGGER_INDICATION);
+
+    NvSyncSetting wrong = trigger;
+    wrong.function = NSF_PULSE_WIDTH_MODULATION; // an output function on an input line
+    NvSyncSettingArray bad = {wrong};
+    EXPECT_FALSE(NvDevice_setSyncSettings(dev, &bad));
+    EXPECT_EQ(NvControl_lastResult(control), NRV_INVALID_PARAMETER);
+    NvDevice_syncSettings(dev, &cached);
+    ASSERT_EQ(cached.size(), 1u);
+    EXPECT_EQ(cached[0].function, NSF_TRIGGER_INDICATION);
+    NvControl_close(control);
+}
+
+TEST_F(ControlTest, DisconnectClosesOneDeviceWhileAnotherStreams)
+{
+    KvsimProcess lost({"--device", "ahrs", "--disconnect-after", "4", "--quiet"});
+    KvsimProcess kept({"--device", "ahrs:index=1", "--quiet"});
+    ASSERT_TRUE(lost.started()) << lost.stderrText();
+    ASSERT_TRUE(kept.started()) << kept.stderrText();
+    NvDevice* a = open(lost.ports()[0]);
+    ASSERT_NE(a, nullptr) << NvControl_lastResultText(control);
+    NvDevice* b = open(kept.ports()[0]);
+    ASSERT_NE(b, nullptr) << NvControl_lastResultText(control);
+    NvDevice_addRef(a); // keeps the handle valid after the library closes it
+    ASSERT_TRUE(NvDevice_gotoMeasurement(a));
+    ASSERT_TRUE(NvDevice_gotoMeasurement(b));
+
+    ASSERT_TRUE(waitUntil([&] {
+        for (const auto& e : recorder.errors())
+            if (e.first == a && e.second == NRV_UNEXPECTED_DISCONNECT)
+                return true;
+        return false;
+    }));
+    ASSERT_TRUE(waitUntil([&] { return NvControl_deviceCount(control) == 1; }));
+    NvDeviceId idA = NvDeviceId::fromString(lost.ports()[0].id);
+    EXPECT_EQ(NvControl_device(control, &idA), nullptr);
+    EXPECT_EQ(NvDevice_connectivityState(a), NCS_DISCONNECTED);
+    EXPECT_FALSE(NvDevice_gotoConfig(a));
+    EXPECT_EQ(NvControl_lastResult(control), NRV_PORT_NOT_OPEN);
+
+    const size_t before = recorder.packetCount(b);
+    ASSERT_TRUE(waitUntil([&] { return recorder.packetCount(b) >= before + 100; }));
+
+    // The last reference destroys it, reported as "destructing".
+    EXPECT_EQ(NvDevice_removeRef(a), 0);
+    const auto states = recorder.states();
+    ASSERT_FALSE(states.empty());
+    EXPECT_EQ(states.back().device, a);
+    EXPECT_EQ(states.back().newState, NDS_DESTRUCTING);
+    EXPECT_TRUE(NvDevice_gotoConfig(b));
+    NvControl_close(control);
+}
+
+namespace {
+
+std::vector<std::string> g_scanLog;
+std::mutex g_scanLogMutex;
+
+void collectScanLog(const NvString* line)
+{
+    std::lock_guard<std::mutex> lock(g_scanLogMutex);
+    g_scanLog.push_back(*line);
+}
+
+// Points the scanner at one runtime folder and extra port list for a test's duration.
+class ScanEnvironment
+{
+public:
+    ScanEnvironment(const std::string& runtimeDir, const std::string& extraPorts)
+    {
+        save("XDG_RUNTIME_DIR", m_runtime, m_hadRuntime);
+        save("NV_EXTRA_PORTS", m_extra, m_hadExtra);
+        setenv("XDG_RUNTIME_DIR", runtimeDir.c_str(), 1);
+        setenv("NV_EXTRA_PORTS", extraPorts.c_str(), 1);
+    }
+    ~ScanEnvironment()
+    {
+        restore("XDG_RUNTIME_DIR", m_runtime, m_hadRuntime);
+        restore("NV_EXTRA_PORTS", m_extra, m_hadExtra);
+    }
+
+private:
+    static void save(const char* name, std::string& value, bool& had)
+    {
+        const char* v = getenv(name);
+        had = v != nullptr;
+        value = v ? v : "";
+    }
+    static void restore(const char* name, const std::string& value, bool had)
+    {
+        if (had)
+            setenv(name, value.c_str(), 1);
+        else
+            unsetenv(name);
+    }
+    std::string m_runtime, m_extra;
+    bool m_hadRuntime = false, m_hadExtra = false;
+};
+
+} // namespace
+
+TEST_F(ControlTest, ScannerFindsAnnouncedAndExtraPorts)
+{
+    KvsimProcess sim({"--device", "imu", "--device", "legacy", "--quiet"});
+    ASSERT_TRUE(sim.started()) << sim.stderrText();
+    KvsimProcess other({"--device", "gnss:index=3", "--quiet"});
+    ASSERT_TRUE(other.started()) << other.stderrText();
+    ScanEnvironment env(sim.runtimeDir(), "/nonexistent/port:" + other.ports()[0].path);
+    {
+        std::lock_guard<std::mutex> lock(g_scanLogMutex);
+        g_scanLog.clear();
+    }
+    NvScanner_setScanLogCallback(collectScanLog);
+
+    NvPortInfoArray found;
+    NvScanner_scanPorts(&found, NBR_DETECT, 3000, 1, 0);
+    NvScanner_setScanLogCallback(nullptr);
+    ASSERT_EQ(found.size(), 3u);
+    std::map<std::string, std::string> byPort;
+    for (const NvPortInfo& info : found) {
+        EXPECT_NE(info.baudRate, NBR_DETECT);
+        byPort[info.portName] = info.deviceId.toString();
+    }
+    EXPECT_EQ(byPort[sim.ports()[0].path], sim.ports()[0].id);
+    EXPECT_EQ(byPort[sim.ports()[1].path], sim.ports()[1].id);
+    EXPECT_EQ(byPort[other.ports()[0].path], other.ports()[0].id);
+    {
+        std::lock_guard<std::mutex> lock(g_scanLogMutex);
+        EXPECT_GE(g_scanLog.size(), 5u);
+    }
+
+    // The found port opens; a port the control has open is reported without a probe.
+    NvPortInfo info = found[0];
+    ASSERT_TRUE(NvControl_openPort_1(control, &info, 0)) << NvControl_lastResultText(control);
+    NvPortInfo again;
+    again.portName = info.portName;
+    EXPECT_TRUE(NvScanner_scanPort(&again, NBR_115200, 1000, 0));
+    EXPECT_EQ(again.deviceId, info.deviceId);
+    EXPECT_EQ(NvControl_deviceCount(control), 1);
+
+    NvPortInfo none;
+    none.portName = "/nonexistent/port";
+    EXPECT_FALSE(NvScanner_scanPort(&none, NBR_115200, 500, 0));
+    EXPECT_EQ(NvControl_lastResult(control), NRV_PORT_OPEN_FAILED);
+    NvControl_close(control);
+}
