@@ -91,17 +91,18 @@ struct NvDevice
     std::atomic<bool> isOpen{true};
     std::atomic<NvDeviceState> state{NDS_INITIAL};
 
-    // Identity: fixed once the device is published.
+    // Fixed once the device is published.
     NvDeviceId id;
+    std::shared_ptr<nda::Port> port;
+
+    std::mutex mutex; // guards what follows: reinitialize reads it again
     NvString productCode;
     NvVersion firmware;
     NvVersion hardware;
-    std::shared_ptr<nda::Port> port;
-
-    std::mutex mutex; // guards the cached settings below
     NvOutputConfigurationArray outputConfiguration;
     NvSyncSettingArray syncSettings;
     int locationId = 0;
+    NvGpsStatus gnssStatus;
 
     // Reader thread only.
     bool m_haveCounter = false;
@@ -156,3 +157,45 @@ private:
     std::vector<std::shared_ptr<nda::Port>> m_deadPorts;
     std::set<std::string> m_opening;
 };
+
+namespace nda {
+
+inline bool fail(NvResultValue value)
+{
+    setResult(value);
+    return false;
+}
+
+inline bool done(NvResultValue rc)
+{
+    setResult(rc);
+    return rc == NRV_OK;
+}
+
+// A device handle usable for a port request: non-null, not the broadcast, still open.
+inline bool usable(NvDevice* dev)
+{
+    if (!dev || dev->isBroadcast)
+        return fail(dev ? NRV_NOT_SUPPORTED : NRV_INVALID_DEVICE);
+    if (!dev->isOpen)
+        return fail(NRV_PORT_NOT_OPEN);
+    return true;
+}
+
+inline unsigned timeoutOf(NvDevice* dev, unsigned timeout)
+{
+    return timeout ? timeout : dev->control->replyTimeout.load();
+}
+
+// Request `mid` and wait for mid + 1 (or an Error).
+inline NvResultValue request(NvDevice* dev, uint8_t mid, const NvByteArray& data, NvMessage* reply,
+                             unsigned timeout = 0)
+{
+    return dev->port->request(NvMessage::toDevice(mid, data), uint8_t(mid + 1), reply,
+                              timeoutOf(dev, timeout));
+}
+
+// Reads the output configuration and sync settings into the cache again.
+NvResultValue reloadDevice(NvDevice* dev);
+
+} // namespace nda

@@ -1,11 +1,11 @@
-// Finds devices on the system's ports. Ports come from the emulator's announcement file
-// and from NV_EXTRA_PORTS (colon-separated); enumerating the system's serial ports is
-// still to come.
+// Finds devices on the system's ports: the serial ports the system lists (libserialport,
+// with USB ids), the emulator's announcement file and NV_EXTRA_PORTS (colon-separated).
 #include "ndacontrol_p.h"
 #include "nivradeviceapi.h"
 
 #include <cstdlib>
 #include <fstream>
+#include <libserialport.h>
 #include <unistd.h>
 
 namespace {
@@ -33,9 +33,11 @@ void addPort(NvPortInfoArray& ports, const std::string& name, bool emulated)
 {
     if (name.empty())
         return;
-    for (const NvPortInfo& p : ports)
-        if (p.portName == name)
+    for (NvPortInfo& p : ports)
+        if (p.portName == name) {
+            p.isEmulated = p.isEmulated || emulated;
             return;
+        }
     NvPortInfo info;
     info.portName = name;
     info.isEmulated = emulated;
@@ -43,9 +45,36 @@ void addPort(NvPortInfoArray& ports, const std::string& name, bool emulated)
     ports.push_back(info);
 }
 
+void systemPorts(NvPortInfoArray& ports)
+{
+    sp_port** list = nullptr;
+    if (sp_list_ports(&list) != SP_OK)
+        return;
+    for (sp_port** p = list; *p; ++p) {
+        const char* name = sp_get_port_name(*p);
+        if (!name || !*name)
+            continue;
+        NvPortInfo info;
+        info.portName = name;
+        if (const char* description = sp_get_port_description(*p))
+            info.description = description;
+        int vid = 0, pid = 0;
+        if (sp_get_port_transport(*p) == SP_TRANSPORT_USB &&
+            sp_get_port_usb_vid_pid(*p, &vid, &pid) == SP_OK) {
+            info.vendorId = uint16_t(vid);
+            info.productId = uint16_t(pid);
+        }
+        ports.push_back(info);
+    }
+    sp_free_port_list(list);
+}
+
 NvPortInfoArray candidatePorts()
 {
     NvPortInfoArray ports;
+    const char* system = std::getenv("NV_SCAN_SYSTEM_PORTS");
+    if (!system || std::string(system) != "0")
+        systemPorts(ports);
     std::ifstream file(announcementFile());
     std::string line;
     while (std::getline(file, line))
@@ -71,6 +100,15 @@ std::string rateText(NvBaudRate baudRate)
 } // namespace
 
 extern "C" {
+
+void NvScanner_systemPorts(NvPortInfoArray* out)
+{
+    if (!out)
+        return;
+    out->clear();
+    systemPorts(*out);
+    nda::setResult(NRV_OK);
+}
 
 void NvScanner_setScanLogCallback(NvScanLogCallback callback)
 {

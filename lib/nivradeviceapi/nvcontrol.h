@@ -7,6 +7,7 @@
 
 #include "nvcallback.h"
 #include "nvdeviceid.h"
+#include "nvgnss.h"
 #include "nvmessage.h"
 #include "nvoutputconfiguration.h"
 #include "nvportinfo.h"
@@ -15,6 +16,15 @@
 
 struct NvControl;
 struct NvDevice;
+
+// One filter profile a device offers (AvailableFilterProfiles).
+struct NvFilterProfileInfo
+{
+    int type = 0;
+    int version = 0;
+    NvString label;
+};
+typedef std::vector<NvFilterProfileInfo> NvFilterProfileArray;
 
 extern "C" {
 
@@ -97,11 +107,38 @@ int NvDevice_setSyncSettings(NvDevice* device, const NvSyncSettingArray* setting
 void NvDevice_supportedSyncSettings(NvDevice* device, NvSyncSettingArray* out);
 int NvDevice_locationId(NvDevice* device);
 int NvDevice_setLocationId(NvDevice* device, int locationId);
+// Stores the rate the device uses from its next power-up or reset; the open port keeps
+// its rate until it is opened again.
 int NvDevice_setSerialBaudRate(NvDevice* device, NvBaudRate baudRate);
+// Settings read from the device (NRV_OK as last result) or set on it; a refusal answers
+// false / -1 and sets the device's error code as last result.
+NvBaudRate NvDevice_serialBaudRate(NvDevice* device);
+int NvDevice_errorMode(NvDevice* device);
+int NvDevice_setErrorMode(NvDevice* device, NvErrorMode mode);
+int NvDevice_rs485TransmissionDelay(NvDevice* device); // microseconds
+int NvDevice_setRs485TransmissionDelay(NvDevice* device, uint16_t microseconds);
+// Tells the device it is at rest for `seconds` (1..600), for a gyroscope bias update.
+int NvDevice_setNoRotation(NvDevice* device, uint16_t seconds);
+// The option flags (NvDeviceOption bits); -1 on failure.
+int64_t NvDevice_deviceOptionFlags(NvDevice* device);
+int NvDevice_setDeviceOptionFlags(NvDevice* device, uint32_t setFlags, uint32_t clearFlags);
+// String output: NvStringOutput type (0 binary packets, 1 NMEA) and period in ms.
+int NvDevice_stringOutputMode(NvDevice* device, uint16_t* type, uint16_t* period);
+int NvDevice_setStringOutputMode(NvDevice* device, uint16_t type, uint16_t period);
+int NvDevice_availableFilterProfiles(NvDevice* device, NvFilterProfileArray* out);
+// The selected filter profile type; -1 on failure.
+int NvDevice_filterProfile(NvDevice* device);
+int NvDevice_setFilterProfile(NvDevice* device, int type);
+// Asks a GNSS device for its satellites; reported to onInfoResponse(NIR_GNSS_STATUS) on
+// the calling thread, then kept for NvDevice_gnssStatus.
+int NvDevice_requestGnssStatus(NvDevice* device);
+void NvDevice_gnssStatus(NvDevice* device, NvGpsStatus* out);
 // waitForReply: waits for message id + 1 or Error; timeout 0 = the control's.
 int NvDevice_sendCustomMessage(NvDevice* device, const NvMessage* message, int waitForReply,
                                NvMessage* reply, unsigned timeout);
 int NvDevice_sendRawMessage(NvDevice* device, const NvMessage* message);
+// Settings files (".nva", docs/device-library.md). Both answer a result value, NRV_OK (0)
+// on success; apply tries every setting and answers the first refusal.
 int NvDevice_createConfigFile(NvDevice* device, const NvString* fileName);
 int NvDevice_applyConfigFile(NvDevice* device, const NvString* fileName);
 int NvDevice_setTransportMode(NvDevice* device, int enable);
@@ -116,8 +153,12 @@ uint64_t NvDevice_checksumErrors(NvDevice* device);
 // ---- Scanner
 typedef void (*NvScanLogCallback)(const NvString* line);
 void NvScanner_setScanLogCallback(NvScanLogCallback callback);
-// Ports of the system (emulator announcements and NV_EXTRA_PORTS) with a device found at
-// `baudRate` (NBR_DETECT: fastest first). scanTime: ms per attempt (0: 1500).
+// The serial ports the system lists (name, description, USB vendor/product id), without
+// touching them; pseudo-terminals are not among them.
+void NvScanner_systemPorts(NvPortInfoArray* out);
+// Ports of the system (its serial ports, emulator announcements and NV_EXTRA_PORTS) with a
+// device found at `baudRate` (NBR_DETECT: fastest first). scanTime: ms per attempt
+// (0: 1500).
 void NvScanner_scanPorts(NvPortInfoArray* out, NvBaudRate baudRate, unsigned scanTime,
                          int ignoreNonNivra, int detectRs485);
 int NvScanner_scanPort(NvPortInfo* portInfo, NvBaudRate baudRate, unsigned scanTime,

@@ -4,45 +4,16 @@
 #include <algorithm>
 #include <cstring>
 
+using nda::done;
+using nda::fail;
+using nda::request;
 using nda::setResult;
+using nda::timeoutOf;
+using nda::usable;
 
 namespace {
 
 thread_local std::vector<uint64_t> t_dispatchTickets; // dispatches running on this thread
-
-bool fail(NvResultValue value)
-{
-    setResult(value);
-    return false;
-}
-
-// A device handle usable for a port request: non-null, not the broadcast, still open.
-bool usable(NvDevice* dev)
-{
-    if (!dev || dev->isBroadcast)
-        return fail(dev ? NRV_NOT_SUPPORTED : NRV_INVALID_DEVICE);
-    if (!dev->isOpen)
-        return fail(NRV_PORT_NOT_OPEN);
-    return true;
-}
-
-unsigned timeoutOf(NvDevice* dev, unsigned timeout)
-{
-    return timeout ? timeout : dev->control->replyTimeout.load();
-}
-
-NvResultValue request(NvDevice* dev, uint8_t mid, const NvByteArray& data, NvMessage* reply,
-                      unsigned timeout = 0)
-{
-    return dev->port->request(NvMessage::toDevice(mid, data), uint8_t(mid + 1), reply,
-                              timeoutOf(dev, timeout));
-}
-
-bool done(NvResultValue rc)
-{
-    setResult(rc);
-    return rc == NRV_OK;
-}
 
 } // namespace
 
@@ -627,20 +598,35 @@ void NvDevice_deviceId(NvDevice* device, NvDeviceId* out)
 
 void NvDevice_productCode(NvDevice* device, NvString* out)
 {
-    if (out)
-        *out = device ? device->productCode : NvString();
+    if (!out)
+        return;
+    *out = NvString();
+    if (!device)
+        return;
+    std::lock_guard<std::mutex> lock(device->mutex);
+    *out = device->productCode;
 }
 
 void NvDevice_firmwareVersion(NvDevice* device, NvVersion* out)
 {
-    if (out)
-        *out = device ? device->firmware : NvVersion();
+    if (!out)
+        return;
+    *out = NvVersion();
+    if (!device)
+        return;
+    std::lock_guard<std::mutex> lock(device->mutex);
+    *out = device->firmware;
 }
 
 void NvDevice_hardwareVersion(NvDevice* device, NvVersion* out)
 {
-    if (out)
-        *out = device ? device->hardware : NvVersion();
+    if (!out)
+        return;
+    *out = NvVersion();
+    if (!device)
+        return;
+    std::lock_guard<std::mutex> lock(device->mutex);
+    *out = device->hardware;
 }
 
 void NvDevice_portName(NvDevice* device, NvString* out)
@@ -734,11 +720,6 @@ int NvDevice_restoreFactoryDefaults(NvDevice* device)
     if (!done(request(device, NvMid::RestoreFactoryDefaults, {}, nullptr)))
         return 0;
     return NvDevice_updateCachedDeviceInformation(device);
-}
-
-int NvDevice_reinitialize(NvDevice*)
-{
-    return fail(NRV_NOT_IMPLEMENTED);
 }
 
 int NvDevice_updateCachedDeviceInformation(NvDevice* device)
@@ -858,12 +839,6 @@ int NvDevice_setLocationId(NvDevice* device, int locationId)
     return 1;
 }
 
-int NvDevice_setSerialBaudRate(NvDevice*, NvBaudRate)
-{
-    // Needs the port to follow the device's new rate after its reset.
-    return fail(NRV_NOT_IMPLEMENTED);
-}
-
 int NvDevice_sendCustomMessage(NvDevice* device, const NvMessage* message, int waitForReply,
                                NvMessage* reply, unsigned timeout)
 {
@@ -881,16 +856,6 @@ int NvDevice_sendCustomMessage(NvDevice* device, const NvMessage* message, int w
 int NvDevice_sendRawMessage(NvDevice* device, const NvMessage* message)
 {
     return NvDevice_sendCustomMessage(device, message, 0, nullptr, 0);
-}
-
-int NvDevice_createConfigFile(NvDevice*, const NvString*)
-{
-    return fail(NRV_NOT_IMPLEMENTED);
-}
-
-int NvDevice_applyConfigFile(NvDevice*, const NvString*)
-{
-    return fail(NRV_NOT_IMPLEMENTED);
 }
 
 int NvDevice_setTransportMode(NvDevice*, int)

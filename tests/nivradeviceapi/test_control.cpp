@@ -6,8 +6,10 @@
 
 #include <algorithm>
 #include <atomic>
+#include <fstream>
 #include <map>
 #include <mutex>
+#include <sstream>
 #include <thread>
 
 using namespace std::chrono_literals;
@@ -584,12 +586,17 @@ public:
         save("XDG_RUNTIME_DIR", m_runtime, m_hadRuntime);
         save("NV_EXTRA_PORTS", m_extra, m_hadExtra);
         setenv("XDG_RUNTIME_DIR", runtimeDir.c_str(), 1);
+        save("NV_SCAN_SYSTEM_PORTS", m_system, m_hadSystem);
         setenv("NV_EXTRA_PORTS", extraPorts.c_str(), 1);
+        // The machine's own serial ports would make the scan's duration and result depend
+        // on the hardware.
+        setenv("NV_SCAN_SYSTEM_PORTS", "0", 1);
     }
     ~ScanEnvironment()
     {
         restore("XDG_RUNTIME_DIR", m_runtime, m_hadRuntime);
         restore("NV_EXTRA_PORTS", m_extra, m_hadExtra);
+        restore("NV_SCAN_SYSTEM_PORTS", m_system, m_hadSystem);
     }
 
 private:
@@ -608,6 +615,8 @@ private:
     }
     std::string m_runtime, m_extra;
     bool m_hadRuntime = false, m_hadExtra = false;
+    std::string m_system;
+    bool m_hadSystem = false;
 };
 
 } // namespace
@@ -656,4 +665,241 @@ TEST_F(ControlTest, ScannerFindsAnnouncedAndExtraPorts)
     EXPECT_FALSE(NvScanner_scanPort(&none, NBR_115200, 500, 0));
     EXPECT_EQ(NvControl_lastResult(control), NRV_PORT_OPEN_FAILED);
     NvControl_close(control);
+}
+
+namespace {
+
+class InfoCounter : public NvCallback
+{
+public:
+    void onInfoResponse(NvDevice*, NvInfoRequest request) override
+    {
+        if (request == NIR_GNSS_STATUS)
+            ++gnss;
+    }
+    std::atomic<int> gnss{0};
+};
+
+std::string readFile(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+void writeFile(const std::string& path, const std::string& text)
+{
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+}
+
+// The settings lines of a .nva file, without the lines naming the device.
+std::string settingsOf(const std::string& text)
+{
+    std::istringstream in(text);
+    std::string line, out;
+    while (std::getline(in, line))
+        if (line.rfind("device=", 0) != 0)
+            out += line + "\n";
+    return out;
+}
+
+} // namespace
+
+TEST_F(ControlTest, DeviceSettingsAreExchangedAndRefused)
+{
+    KvsimProcess sim({"--device", "ahrs", "--device", "gnss", "--quiet"});
+    ASSERT_TRUE(sim.started()) << sim.stderrText();
+    NvDevice* dev = open(sim.ports()[0]);
+    NvDevice* gnss = open(sim.ports()[1]);
+    ASSERT_NE(dev, nullptr) << NvControl_lastResultText(control);
+    ASSERT_NE(gnss, nullptr) << NvControl_lastResultText(control);
+
+    EXPECT_TRUE(NvDevice_setSerialBaudRate(dev, NBR_921600)) << NvControl_lastResultText(control);
+    EXPECT_EQ(NvDevice_serialBaudRate(dev), NBR_921600);
+    EXPECT_FALSE(NvDevice_setSerialBaudRate(dev, NvBaudRate(0x40)));
+    EXPECT_EQ(NvControl_lastResult(control), NRV_INVALID_BAUDRATE);
+
+    EXPECT_TRUE(NvDevice_setErrorMode(dev, NEM_SEND_ERROR));
+    EXPECT_EQ(NvDevice_errorMode(dev), int(NEM_SEND_ERROR));
+    EXPECT_FALSE(NvDevice_setErrorMode(dev, NvErrorMode(7)));
+    EXPECT_EQ(NvControl_lastResult(control), NRV_INVALID_PARAMETER);
+    EXPECT_EQ(NvDevice_errorMode(dev), int(NEM_SEND_ERROR));
+
+    EXPECT_TRUE(NvDevice_setRs485TransmissionDelay(dev, 1234));
+    EXPECT_EQ(NvDevice_rs485TransmissionDelay(dev), 1234);
+
+    EXPECT_TRUE(NvDevice_setNoRotation(dev, 5));
+    EXPECT_FALSE(NvDevice_setNoRotation(dev, 0));
+    EXPECT_EQ(NvControl_lastResult(control), NRV_INVALID_PARAMETER);
+
+    EXPECT_TRUE(NvDevice_setDeviceOptionFlags(dev, NvDeviceOption::DisableAutoMeasurement, 0));
+    EXPECT_EQ(NvDevice_deviceOptionFlags(dev) & NvDeviceOption::DisableAutoMeasurement,
+              NvDeviceOption::DisableAutoMeasurement);
+    EXPECT_TRUE(NvDevice_setDeviceOptionFlags(dev, 0, NvDeviceOption::DisableAutoMeasurement));
+    EXPECT_EQ(NvDevice_deviceOptionFlags(dev) & NvDeviceOption::DisableAutoMeasurement, 0);
+    EXPECT_FALSE(NvDevice_setDeviceOptionFlags(dev, NvDeviceOption::DisableAutoMeasurement,
+                                               NvDeviceOption::DisableAutoMeasurement));
+    EXPECT_EQ(NvControl_lastResult(control), NRV_INVALID_PARAMETER);
+    EXPECT_FALSE(NvDevice_setDeviceOptionFlags(dev, NvDeviceOption::EnableBeidou, 0));
+    EXPECT_EQ(NvControl_lastResult(control), NRV_INVALID_PARAMETER);
+
+    // NMEA output only on the GNSS kind.
+    EXPECT_FALSE(NvDevice_setStringOutputMode(dev, NvStringOutput::Nmea, 100));
+    EXPECT_EQ(NvControl_lastResult(control), NRV_INVALID_PARAMETER);
+    EXPECT_TRUE(NvDevice_setStringOutputMode(gnss, NvStringOutput::Nmea, 200));
+    uint16_t type = 0, period = 0;
+    EXPECT_TRUE(NvDevice_stringOutputMode(gnss, &type, &period));
+    EXPECT_EQ(type, NvStringOutput::Nmea);
+    EXPECT_EQ(period, 200);
+    EXPECT_FALSE(NvDevice_setStringOutputMode(gnss, NvStringOutput::Nmea, 5));
+    EXPECT_EQ(NvControl_lastResult(control), NRV_INVALID_PERIOD);
+    EXPECT_TRUE(NvDevice_setStringOutputMode(gnss, NvStringOutput::None, 200));
+
+    NvFilterProfileArray profiles;
+    ASSERT_TRUE(NvDevice_availableFilterProfiles(dev, &profiles));
+    ASSERT_GE(profiles.size(), 2u);
+    EXPECT_FALSE(profiles[1].label.empty());
+    EXPECT_TRUE(NvDevice_setFilterProfile(dev, profiles[1].type));
+    EXPECT_EQ(NvDevice_filterProfile(dev), profiles[1].type);
+    EXPECT_FALSE(NvDevice_setFilterProfile(dev, 200));
+    EXPECT_EQ(NvControl_lastResult(control), NRV_INVALID_PARAMETER);
+    EXPECT_EQ(NvDevice_filterProfile(dev), profiles[1].type);
+
+    // Reinitialize reads what another host changed behind the cache's back.
+    kvtest::HostPort other(sim.ports()[0].path);
+    ASSERT_TRUE(NvDevice_setLocationId(dev, 17));
+    NvString productCode;
+    NvDevice_productCode(dev, &productCode);
+    NvOutputConfigurationArray config{{NDI_PACKET_COUNTER, NV_FREQUENCY_EVERY_PACKET},
+                                      {NDI_ACCELERATION, 200}};
+    ASSERT_TRUE(other.send(NvMid::SetOutputConfiguration, nvOutputConfigurationToWire(config)));
+    ASSERT_TRUE(other.send(NvMid::SetLocationId, {0, 42}));
+    std::this_thread::sleep_for(300ms);
+    EXPECT_TRUE(NvDevice_reinitialize(dev)) << NvControl_lastResultText(control);
+    EXPECT_EQ(NvDevice_locationId(dev), 42);
+    NvOutputConfigurationArray cached;
+    NvDevice_outputConfiguration(dev, &cached);
+    EXPECT_EQ(cached, config);
+    NvString again;
+    NvDevice_productCode(dev, &again);
+    EXPECT_EQ(again, productCode);
+
+    EXPECT_FALSE(NvDevice_requestBatteryLevel(dev));
+    EXPECT_EQ(NvControl_lastResult(control), NRV_NOT_SUPPORTED);
+
+    InfoCounter info;
+    NvControl_addCallbackHandler(control, info.plainC(), 1);
+    EXPECT_FALSE(NvDevice_requestGnssStatus(dev));
+    EXPECT_EQ(NvControl_lastResult(control), NRV_INVALID_MESSAGE);
+    EXPECT_TRUE(NvDevice_requestGnssStatus(gnss)) << NvControl_lastResultText(control);
+    EXPECT_EQ(info.gnss.load(), 1);
+    NvGpsStatus status;
+    NvDevice_gnssStatus(gnss, &status);
+    EXPECT_FALSE(status.satellites.empty());
+    NvControl_removeCallbackHandler(control, info.plainC());
+    NvControl_close(control);
+}
+
+TEST_F(ControlTest, SettingsFileMovesTheSettingsToAnotherDevice)
+{
+    KvsimProcess sim({"--device", "ahrs", "--device", "ahrs", "--quiet"});
+    ASSERT_TRUE(sim.started()) << sim.stderrText();
+    NvDevice* a = open(sim.ports()[0]);
+    NvDevice* b = open(sim.ports()[1]);
+    ASSERT_NE(a, nullptr) << NvControl_lastResultText(control);
+    ASSERT_NE(b, nullptr) << NvControl_lastResultText(control);
+
+    NvOutputConfigurationArray config{{NDI_PACKET_COUNTER, NV_FREQUENCY_EVERY_PACKET},
+                                      {NDI_ACCELERATION_HR, 1000},
+                                      {NDI_EULER_ANGLES, 200},
+                                      {NDI_TEMPERATURE, 10}};
+    ASSERT_TRUE(NvDevice_setOutputConfiguration(a, &config)) << NvControl_lastResultText(control);
+    NvSyncSetting trigger;
+    trigger.line = NSL_IN1;
+    trigger.function = NSF_TRIGGER_INDICATION;
+    trigger.polarity = NSP_RISING_EDGE;
+    NvSyncSettingArray sync{trigger};
+    ASSERT_TRUE(NvDevice_setSyncSettings(a, &sync));
+    ASSERT_TRUE(NvDevice_setErrorMode(a, NEM_SEND_ERROR_AND_CONFIG));
+    ASSERT_TRUE(NvDevice_setRs485TransmissionDelay(a, 300));
+    ASSERT_TRUE(NvDevice_setDeviceOptionFlags(a, NvDeviceOption::DisableAutoMeasurement, 0));
+    ASSERT_TRUE(NvDevice_setLocationId(a, 9));
+    ASSERT_TRUE(NvDevice_setFilterProfile(a, 3));
+
+    const std::string dir = kvtest::makeTempDir();
+    const NvString fileA = dir + "/a.nva", fileB = dir + "/b.nva";
+    ASSERT_EQ(NvDevice_createConfigFile(a, &fileA), int(NRV_OK))
+        << NvControl_lastResultText(control);
+    EXPECT_EQ(NvDevice_applyConfigFile(b, &fileA), int(NRV_OK))
+        << NvControl_lastResultText(control);
+    EXPECT_EQ(NvControl_lastResult(control), NRV_OK);
+
+    NvOutputConfigurationArray cached;
+    NvDevice_outputConfiguration(b, &cached);
+    EXPECT_EQ(cached, config);
+    EXPECT_EQ(NvDevice_errorMode(b), int(NEM_SEND_ERROR_AND_CONFIG));
+    EXPECT_EQ(NvDevice_locationId(b), 9);
+    EXPECT_EQ(NvDevice_filterProfile(b), 3);
+    ASSERT_EQ(NvDevice_createConfigFile(b, &fileB), int(NRV_OK));
+    const std::string textA = readFile(fileA);
+    EXPECT_NE(textA.find("format=nva 1\n"), std::string::npos);
+    EXPECT_NE(textA.find("device=" + sim.ports()[0].id), std::string::npos);
+    EXPECT_EQ(settingsOf(textA), settingsOf(readFile(fileB)));
+
+    // An unsupported rate refuses the output configuration (33), the other settings of
+    // the file are still applied.
+    ASSERT_TRUE(NvDevice_restoreFactoryDefaults(b));
+    NvOutputConfigurationArray before;
+    NvDevice_outputConfiguration(b, &before);
+    std::string badRate = textA;
+    const size_t at = badRate.find("output=0x4040 1000");
+    ASSERT_NE(at, std::string::npos) << textA;
+    badRate.replace(at, 18, "output=0x4040 333");
+    const NvString badFile = dir + "/rate.nva";
+    writeFile(badFile, badRate);
+    EXPECT_EQ(NvDevice_applyConfigFile(b, &badFile), int(NRV_INVALID_PARAMETER));
+    EXPECT_EQ(NvControl_lastResult(control), NRV_INVALID_PARAMETER);
+    NvDevice_outputConfiguration(b, &cached);
+    EXPECT_EQ(cached, before);
+    EXPECT_EQ(NvDevice_errorMode(b), int(NEM_SEND_ERROR_AND_CONFIG));
+    EXPECT_EQ(NvDevice_locationId(b), 9);
+
+    // Damaged, foreign and missing files change nothing and say why.
+    ASSERT_TRUE(NvDevice_setLocationId(b, 1));
+    const NvString other = dir + "/other.nva";
+    writeFile(other, "[General]\nname=something else\n");
+    EXPECT_EQ(NvDevice_applyConfigFile(b, &other), int(NRV_CONFIG_FILE_INVALID));
+    writeFile(other, std::string("\x00\xff\xfa\x10garbage", 11));
+    EXPECT_EQ(NvDevice_applyConfigFile(b, &other), int(NRV_CONFIG_FILE_INVALID));
+    writeFile(other, "format=nva 2\nlocationid=5\n");
+    EXPECT_EQ(NvDevice_applyConfigFile(b, &other), int(NRV_FILE_VERSION_UNSUPPORTED));
+    std::string damaged = textA;
+    damaged.replace(damaged.find("locationid=9"), 12, "locationid=x9");
+    writeFile(other, damaged);
+    EXPECT_EQ(NvDevice_applyConfigFile(b, &other), int(NRV_CONFIG_FILE_INVALID));
+    EXPECT_EQ(NvControl_lastResult(control), NRV_CONFIG_FILE_INVALID);
+    EXPECT_EQ(NvDevice_locationId(b), 1);
+    const NvString missing = dir + "/missing.nva";
+    EXPECT_EQ(NvDevice_applyConfigFile(b, &missing), int(NRV_FILE_NOT_FOUND));
+    EXPECT_EQ(NvDevice_applyConfigFile(nullptr, &missing), int(NRV_INVALID_DEVICE));
+    NvControl_close(control);
+    kvtest::removeTree(dir);
+}
+
+TEST(Scanner, SystemPortsAreRealSerialPortsOnly)
+{
+    // Whatever this machine has: emulated pseudo-terminals are never among them.
+    KvsimProcess sim({"--device", "imu", "--quiet"});
+    ASSERT_TRUE(sim.started()) << sim.stderrText();
+    NvPortInfoArray ports;
+    NvScanner_systemPorts(&ports);
+    EXPECT_EQ(NvControl_lastResult(nullptr), NRV_OK);
+    for (const NvPortInfo& port : ports) {
+        EXPECT_FALSE(port.portName.empty());
+        EXPECT_NE(port.portName, sim.ports()[0].path);
+        EXPECT_EQ(port.portName.rfind("/dev/pts/", 0), std::string::npos) << port.portName;
+        EXPECT_FALSE(port.isEmulated);
+        EXPECT_FALSE(port.hasDevice());
+    }
 }
