@@ -195,6 +195,28 @@ inline NvResultValue request(NvDevice* dev, uint8_t mid, const NvByteArray& data
                               timeoutOf(dev, timeout));
 }
 
+// A text reply (product code, filter label) without its padding.
+inline NvString replyText(const NvMessage& reply)
+{
+    NvString text(reinterpret_cast<const char*>(reply.data()), reply.dataSize());
+    while (!text.empty() && (text.back() == '\0' || text.back() == ' '))
+        text.pop_back();
+    return text;
+}
+
+// Copies a cached field under the device's lock; the default value for a null device.
+template <typename T>
+void copyCached(NvDevice* dev, T* out, T NvDevice::*field)
+{
+    if (!out)
+        return;
+    *out = T();
+    if (!dev)
+        return;
+    std::lock_guard<std::mutex> lock(dev->mutex);
+    *out = dev->*field;
+}
+
 // Reads the output configuration and sync settings into the cache again.
 NvResultValue reloadDevice(NvDevice* dev);
 

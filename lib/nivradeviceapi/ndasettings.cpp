@@ -12,14 +12,6 @@ using nda::usable;
 
 namespace {
 
-NvString trimmed(const NvMessage& reply)
-{
-    NvString text(reinterpret_cast<const char*>(reply.data()), reply.dataSize());
-    while (!text.empty() && (text.back() == '\0' || text.back() == ' '))
-        text.pop_back();
-    return text;
-}
-
 NvByteArray u16(unsigned value)
 {
     return {uint8_t((value >> 8) & 0xFF), uint8_t(value & 0xFF)};
@@ -84,7 +76,7 @@ int NvDevice_reinitialize(NvDevice* device)
     NvString productCode;
     NvVersion firmware, hardware;
     if (request(device, NvMid::ReqProductCode, {}, &reply) == NRV_OK)
-        productCode = trimmed(reply);
+        productCode = nda::replyText(reply);
     if (request(device, NvMid::ReqFirmwareRevision, {}, &reply) == NRV_OK &&
         reply.dataSize() >= NvVersion::FirmwareWireSize)
         firmware = NvVersion::fromFirmwareWire(reply.data());
@@ -252,13 +244,7 @@ int NvDevice_requestGnssStatus(NvDevice* device)
 
 void NvDevice_gnssStatus(NvDevice* device, NvGpsStatus* out)
 {
-    if (!out)
-        return;
-    *out = NvGpsStatus();
-    if (!device)
-        return;
-    std::lock_guard<std::mutex> lock(device->mutex);
-    *out = device->gnssStatus;
+    nda::copyCached(device, out, &NvDevice::gnssStatus);
 }
 
 } // extern "C"

@@ -252,14 +252,6 @@ void NvControl::closeAll()
 
 namespace {
 
-NvString trimmed(const NvMessage& reply)
-{
-    NvString text(reinterpret_cast<const char*>(reply.data()), reply.dataSize());
-    while (!text.empty() && (text.back() == '\0' || text.back() == ' '))
-        text.pop_back();
-    return text;
-}
-
 struct OpeningGuard
 {
     std::mutex& mutex;
@@ -330,7 +322,7 @@ bool NvControl::openPort(const NvString& name, NvBaudRate baudRate, unsigned tim
     // The rest is optional: an older device may refuse some of it.
     if (port->request(NvMessage::toDevice(NvMid::ReqProductCode), NvMid::ProductCode, &reply, t) ==
         NRV_OK)
-        dev->productCode = trimmed(reply);
+        dev->productCode = nda::replyText(reply);
     if (port->request(NvMessage::toDevice(NvMid::ReqFirmwareRevision), NvMid::FirmwareRevision,
                       &reply, t) == NRV_OK &&
         reply.dataSize() >= NvVersion::FirmwareWireSize)
@@ -598,35 +590,17 @@ void NvDevice_deviceId(NvDevice* device, NvDeviceId* out)
 
 void NvDevice_productCode(NvDevice* device, NvString* out)
 {
-    if (!out)
-        return;
-    *out = NvString();
-    if (!device)
-        return;
-    std::lock_guard<std::mutex> lock(device->mutex);
-    *out = device->productCode;
+    nda::copyCached(device, out, &NvDevice::productCode);
 }
 
 void NvDevice_firmwareVersion(NvDevice* device, NvVersion* out)
 {
-    if (!out)
-        return;
-    *out = NvVersion();
-    if (!device)
-        return;
-    std::lock_guard<std::mutex> lock(device->mutex);
-    *out = device->firmware;
+    nda::copyCached(device, out, &NvDevice::firmware);
 }
 
 void NvDevice_hardwareVersion(NvDevice* device, NvVersion* out)
 {
-    if (!out)
-        return;
-    *out = NvVersion();
-    if (!device)
-        return;
-    std::lock_guard<std::mutex> lock(device->mutex);
-    *out = device->hardware;
+    nda::copyCached(device, out, &NvDevice::hardware);
 }
 
 void NvDevice_portName(NvDevice* device, NvString* out)
@@ -744,13 +718,7 @@ int NvDevice_updateCachedDeviceInformation(NvDevice* device)
 
 void NvDevice_outputConfiguration(NvDevice* device, NvOutputConfigurationArray* out)
 {
-    if (!out)
-        return;
-    out->clear();
-    if (!device)
-        return;
-    std::lock_guard<std::mutex> lock(device->mutex);
-    *out = device->outputConfiguration;
+    nda::copyCached(device, out, &NvDevice::outputConfiguration);
 }
 
 int NvDevice_setOutputConfiguration(NvDevice* device, NvOutputConfigurationArray* config)
@@ -780,13 +748,7 @@ int NvDevice_setOutputConfiguration(NvDevice* device, NvOutputConfigurationArray
 
 void NvDevice_syncSettings(NvDevice* device, NvSyncSettingArray* out)
 {
-    if (!out)
-        return;
-    out->clear();
-    if (!device)
-        return;
-    std::lock_guard<std::mutex> lock(device->mutex);
-    *out = device->syncSettings;
+    nda::copyCached(device, out, &NvDevice::syncSettings);
 }
 
 int NvDevice_setSyncSettings(NvDevice* device, const NvSyncSettingArray* settings)
