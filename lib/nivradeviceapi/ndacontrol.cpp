@@ -9,6 +9,7 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <termios.h>
+#include <time.h>
 #include <unistd.h>
 
 namespace nda {
@@ -24,6 +25,13 @@ void setResult(NvResultValue value)
 NvResultValue lastResult()
 {
     return t_lastResult;
+}
+
+int64_t monotonicNs()
+{
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return int64_t(ts.tv_sec) * 1'000'000'000 + ts.tv_nsec;
 }
 
 // ---------------------------------------------------------------------------- Port
@@ -121,6 +129,8 @@ void Port::shutdown()
     // the control keeps the port until then and joins it later.
     if (m_thread.joinable() && !isReaderThread())
         m_thread.join();
+    if (!isReaderThread())
+        runPosted(true); // what the reader did not get to; it is gone now
     {
         std::lock_guard<std::mutex> lock(m_replyMutex);
         m_hungUp = true;
@@ -174,6 +184,7 @@ NvResultValue Port::request(const NvMessage& message, uint8_t replyMid, NvMessag
             return NRV_PORT_NOT_OPEN;
         m_waiting = true;
         m_expected = replyMid;
+        m_expectedBus = message.busId();
         m_gotReply = false;
         m_reply = NvMessage();
     }
@@ -205,6 +216,7 @@ NvResultValue Port::request(const NvMessage& message, uint8_t replyMid, NvMessag
 void Port::readLoop()
 {
     readFrames();
+    runPosted(true);
     if (NvDevice* dev = m_releaseOnExit.exchange(nullptr))
         m_control->release(dev);
 }
@@ -212,9 +224,13 @@ void Port::readLoop()
 void Port::readFrames()
 {
     uint8_t buffer[4096];
+    m_lastInputNs = monotonicNs();
     while (!m_stop) {
         pollfd fds[2] = {{m_fd, POLLIN, 0}, {m_wakeFd, POLLIN, 0}};
-        int rc = ::poll(fds, 2, 500);
+        // Short polls while measuring so that a stalled stream is noticed in time.
+        const NvDevice* dev = m_device.load();
+        const bool measuring = dev && (dev->state == NDS_MEASUREMENT || dev->isMaster);
+        int rc = ::poll(fds, 2, measuring ? 100 : 500);
         if (m_stop)
             break;
         if (rc < 0) {
@@ -223,15 +239,23 @@ void Port::readFrames()
             lost();
             return;
         }
-        if (rc == 0)
-            continue;
-        if (fds[0].revents & POLLIN) {
+        if (fds[1].revents & POLLIN) {
+            uint64_t count = 0;
+            ssize_t ignored = ::read(m_wakeFd, &count, sizeof count);
+            (void)ignored;
+        }
+        runPosted();
+        if (rc > 0 && (fds[0].revents & POLLIN)) {
             ssize_t n = ::read(m_fd, buffer, sizeof buffer);
             if (n > 0) {
+                m_lastInputNs = monotonicNs();
                 const uint64_t before = m_parser.counters().checksumErrors;
-                m_parser.feed(buffer, size_t(n),
-                              [this](const NvFrameView& view) { onFrame(view); });
+                m_parser.feed(
+                    buffer, size_t(n), [this](const NvFrameView& view) { onFrame(view); },
+                    [this](const uint8_t* bytes, size_t count) { onSkipped(bytes, count); });
                 m_checksumErrors += m_parser.counters().checksumErrors - before;
+                runPosted();
+                checkDataFlow();
                 continue;
             }
             if (n < 0 && (errno == EINTR || errno == EAGAIN))
@@ -239,11 +263,127 @@ void Port::readFrames()
             lost();
             return;
         }
-        if (fds[0].revents & (POLLHUP | POLLERR | POLLNVAL)) {
+        if (rc > 0 && (fds[0].revents & (POLLHUP | POLLERR | POLLNVAL))) {
             lost();
             return;
         }
+        if (monotonicNs() - m_lastInputNs > 200'000'000)
+            m_detector.flush([this](NvProtocolType type, const NvByteArray& bytes) {
+                reportDetected(type, bytes);
+            });
+        checkDataFlow();
     }
+}
+
+void Port::post(std::function<void()> task)
+{
+    bool queued = false;
+    {
+        std::lock_guard<std::mutex> lock(m_postMutex);
+        if (m_postsRunHere) {
+            m_posted.push_back(std::move(task));
+            queued = true;
+        }
+    }
+    if (!queued) {
+        task(); // the reader is gone and joined: nothing can race with the task
+        return;
+    }
+    if (m_wakeFd >= 0) {
+        uint64_t one = 1;
+        ssize_t ignored = ::write(m_wakeFd, &one, sizeof one);
+        (void)ignored;
+    }
+}
+
+void Port::runPosted(bool last)
+{
+    for (;;) {
+        std::vector<std::function<void()>> tasks;
+        {
+            std::lock_guard<std::mutex> lock(m_postMutex);
+            if (m_posted.empty()) {
+                if (last)
+                    m_postsRunHere = false;
+                return;
+            }
+            tasks.swap(m_posted);
+        }
+        for (auto& task : tasks)
+            task();
+    }
+}
+
+void Port::releaseLater(NvDevice* device)
+{
+    post([control = m_control, device] { control->release(device); });
+}
+
+void Port::onSkipped(const uint8_t* bytes, size_t count)
+{
+    m_detector.feed(bytes, count, [this](NvProtocolType type, const NvByteArray& detected) {
+        reportDetected(type, detected);
+    });
+}
+
+void Port::reportDetected(NvProtocolType type, const NvByteArray& bytes)
+{
+    NvDevice* dev = m_device.load();
+    if (!dev)
+        return;
+    m_control->dispatch([&](const NvCallbackPlainC* h) {
+        if (h->onMessageDetected)
+            h->onMessageDetected(h->userData, dev, type, &bytes);
+    });
+}
+
+namespace {
+
+// How long a measuring device may stay silent before its data counts as unavailable:
+// three packet periods of its fastest item, at least half a second.
+int64_t silenceLimitNs(NvDevice* dev)
+{
+    unsigned fastest = 0;
+    {
+        std::lock_guard<std::mutex> lock(dev->mutex);
+        for (const NvOutputConfiguration& c : dev->outputConfiguration)
+            if (!c.isEveryPacket() && c.frequency > fastest)
+                fastest = c.frequency;
+        if (dev->master)
+            fastest = unsigned(std::max(dev->master->updateRate, 0));
+    }
+    if (fastest == 0)
+        return 2'000'000'000;
+    return std::max<int64_t>(500'000'000, 3 * 1'000'000'000LL / fastest);
+}
+
+} // namespace
+
+void Port::checkDataFlow()
+{
+    NvDevice* dev = m_device.load();
+    if (!dev)
+        return;
+    const int64_t now = monotonicNs();
+    auto check = [&](NvDevice* d) {
+        if (d->state != NDS_MEASUREMENT || d->m_dataUnavailable || d->m_lastPacketNs == 0)
+            return;
+        if (now - d->m_lastPacketNs < silenceLimitNs(d))
+            return;
+        d->m_dataUnavailable = true;
+        const long sampleTime = long(d->m_lastSampleTime);
+        m_control->dispatch([&](const NvCallbackPlainC* h) {
+            if (h->onDataUnavailable)
+                h->onDataUnavailable(h->userData, d, sampleTime);
+        });
+    };
+    if (!dev->isMaster) {
+        check(dev);
+        return;
+    }
+    for (uint8_t bus = 1; bus <= 32; ++bus)
+        if (NvDevice* child = dev->child(bus))
+            check(child);
 }
 
 void Port::lost()
@@ -266,24 +406,55 @@ void Port::lost()
     m_control->deviceLost(dev);
 }
 
+void Port::enterMode(NvDevice* dev, NvDeviceState state)
+{
+    dev->resetCounter();
+    dev->m_lastPacketNs = state == NDS_MEASUREMENT ? monotonicNs() : 0;
+    m_control->changeState(dev, state);
+    if (!dev->isMaster)
+        return;
+    // A master starts and stops the trackers connected over the radio with it.
+    for (uint8_t bus = 1; bus <= 32; ++bus) {
+        NvDevice* child = dev->child(bus);
+        if (!child)
+            continue;
+        bool wireless;
+        {
+            std::lock_guard<std::mutex> lock(child->mutex);
+            wireless = child->kvw.state == NCS_WIRELESS;
+        }
+        if (wireless || state != NDS_MEASUREMENT) {
+            child->resetCounter();
+            child->m_lastPacketNs = state == NDS_MEASUREMENT ? monotonicNs() : 0;
+            m_control->changeState(child, state);
+        }
+    }
+}
+
 void Port::onFrame(const NvFrameView& view)
 {
     if (m_stop)
         return; // closed from a callback of an earlier frame of this chunk
     const uint8_t mid = view.messageId();
-    NvDevice* dev = m_device.load();
+    const uint8_t bus = view.busId();
+    NvDevice* portDevice = m_device.load();
+    NvDevice* dev = portDevice;
+    const bool masterPort = m_masterPort.load();
+    if (masterPort && bus != NvMessage::BusIdDevice)
+        dev = portDevice ? portDevice->child(bus) : nullptr;
     // The state follows the device's acknowledgements, here on the reader thread, before
     // the waiting request returns and before the packets that follow.
-    if (dev && mid == NvMid::GoToMeasurementAck) {
-        dev->resetCounter();
-        m_control->changeState(dev, NDS_MEASUREMENT);
-    } else if (dev && mid == NvMid::GoToConfigAck) {
-        m_control->changeState(dev, NDS_CONFIGURATION);
-    }
+    if (dev && mid == NvMid::GoToMeasurementAck)
+        enterMode(dev, NDS_MEASUREMENT);
+    else if (dev && mid == NvMid::GoToConfigAck)
+        enterMode(dev, NDS_CONFIGURATION);
     bool delivered = false;
     {
         std::lock_guard<std::mutex> lock(m_replyMutex);
-        if (m_waiting && !m_gotReply && (mid == m_expected || mid == NvMid::Error)) {
+        const bool fromAddressee =
+            bus == m_expectedBus || (!masterPort && m_expectedBus == NvMessage::BusIdDevice);
+        if (m_waiting && !m_gotReply && fromAddressee &&
+            (mid == m_expected || mid == NvMid::Error)) {
             m_reply = view.toMessage();
             m_gotReply = true;
             delivered = true;
@@ -306,8 +477,8 @@ void Port::onFrame(const NvFrameView& view)
         return;
     case NvMid::WakeUp:
         // Keeps the device in configuration: the library decides when it measures.
-        write(NvMessage::toDevice(NvMid::WakeUpAck));
-        {
+        write(NvMessage(bus, NvMid::WakeUpAck));
+        if (bus == NvMessage::BusIdDevice) {
             // A device that boots drops what it received before; a GoToConfig waiting for
             // its acknowledgement is answered by the WakeUpAck just sent.
             std::lock_guard<std::mutex> lock(m_replyMutex);
@@ -318,8 +489,7 @@ void Port::onFrame(const NvFrameView& view)
             }
         }
         if (dev) {
-            dev->resetCounter();
-            m_control->changeState(dev, NDS_CONFIGURATION);
+            enterMode(dev, NDS_CONFIGURATION);
             m_control->dispatch([&](const NvCallbackPlainC* h) {
                 if (h->onWakeupReceived)
                     h->onWakeupReceived(h->userData, dev);
@@ -330,26 +500,33 @@ void Port::onFrame(const NvFrameView& view)
         if (dev && !delivered)
             onDataPacket(dev, view);
         return;
-    case NvMid::Error:
-        if (dev && !delivered) {
-            const NvResultValue code =
-                NvResultValue(view.dataSize() > 0 ? view.data()[0] : int(NRV_ERROR));
-            m_control->dispatch([&](const NvCallbackPlainC* h) {
-                if (h->onError)
-                    h->onError(h->userData, dev, code);
-            });
+    case NvMid::TrackerStatus:
+    case NvMid::TrackerLinkReport:
+    case NvMid::FlushProgress:
+        if (masterPort && portDevice && dev == portDevice) {
+            onMasterMessage(portDevice, view);
+            return;
         }
-        return;
+        break;
     default:
-        if (dev && !delivered) {
-            NvMessage message = view.toMessage();
-            m_control->dispatch([&](const NvCallbackPlainC* h) {
-                if (h->onNonDataMessage)
-                    h->onNonDataMessage(h->userData, dev, &message);
-            });
-        }
+        break;
+    }
+    if (!dev || delivered)
+        return;
+    if (mid == NvMid::Error) {
+        const NvResultValue code =
+            NvResultValue(view.dataSize() > 0 ? view.data()[0] : int(NRV_ERROR));
+        m_control->dispatch([&](const NvCallbackPlainC* h) {
+            if (h->onError)
+                h->onError(h->userData, dev, code);
+        });
         return;
     }
+    NvMessage message = view.toMessage();
+    m_control->dispatch([&](const NvCallbackPlainC* h) {
+        if (h->onNonDataMessage)
+            h->onNonDataMessage(h->userData, dev, &message);
+    });
 }
 
 void Port::onDataPacket(NvDevice* dev, const NvFrameView& view)
@@ -371,6 +548,10 @@ void Port::onDataPacket(NvDevice* dev, const NvFrameView& view)
         dev->m_haveCounter = true;
         dev->m_lastCounter = counter;
     }
+    dev->m_lastPacketNs = monotonicNs();
+    if (packet.contains(NDI_SAMPLE_TIME_FINE))
+        dev->m_lastSampleTime = packet.sampleTimeFine();
+    dev->m_dataUnavailable = false;
     m_control->dispatch([&](const NvCallbackPlainC* h) {
         if (h->onLiveDataAvailable)
             h->onLiveDataAvailable(h->userData, dev, &packet);
@@ -384,4 +565,13 @@ void Port::onDataPacket(NvDevice* dev, const NvFrameView& view)
 void NvDevice::resetCounter()
 {
     m_haveCounter = false;
+    m_dataUnavailable = false;
+}
+
+NvDevice* NvDevice::child(uint8_t bus)
+{
+    if (bus == 0 || bus >= children.size())
+        return nullptr;
+    std::lock_guard<std::mutex> lock(childMutex);
+    return children[bus];
 }

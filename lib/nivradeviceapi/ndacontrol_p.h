@@ -1,11 +1,15 @@
 #pragma once
 // Internals of the control, its devices and their ports.
 
+#include "ndadetector.h"
 #include "nvcontrol.h"
 #include "nvframeparser.h"
+#include "nvkvwinfo.h"
 
+#include <array>
 #include <atomic>
 #include <condition_variable>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -21,6 +25,7 @@ using Control = ::NvControl;
 
 void setResult(NvResultValue value);
 NvResultValue lastResult();
+int64_t monotonicNs();
 void closeAllControls();
 // Whether some control has `name` open; fills the device's identity and rate into `info`.
 bool findOpenPort(const std::string& name, NvPortInfo* info);
@@ -39,14 +44,24 @@ public:
     // Stops and joins the reader, closes the port. Idempotent.
     void shutdown();
     bool write(const NvMessage& message);
-    // Sends `message` and waits for a frame with `replyMid` or an Error frame. An Error
-    // gives its code; no answer gives NRV_TIMEOUT.
+    // Sends `message` and waits for a frame with `replyMid` or an Error frame from the
+    // message's bus id (on a master's port; elsewhere from any). An Error gives its code;
+    // no answer gives NRV_TIMEOUT.
     NvResultValue request(const NvMessage& message, uint8_t replyMid, NvMessage* reply,
                           unsigned timeoutMs);
     void attach(NvDevice* device) { m_device = device; }
+    NvDevice* attached() const { return m_device.load(); }
+    // Frames with bus ids 1..32 come from the devices behind a master.
+    void setMasterPort() { m_masterPort = true; }
     bool isReaderThread() const;
     // The reader hands `device` to NvControl::release when it ends.
     void releaseOnExit(NvDevice* device) { m_releaseOnExit = device; }
+    // Runs `task` on the reader thread between two chunks of input (or at once on it).
+    // Tasks still queued when the reader ends run on the thread that stops it.
+    void post(std::function<void()> task);
+    // Hands a closed child device to NvControl::release once the reader is past every
+    // callback that may still use it.
+    void releaseLater(NvDevice* device);
     const std::string& name() const { return m_name; }
     NvBaudRate baudRate() const { return m_baudRate; }
     uint64_t checksumErrors() const { return m_checksumErrors; }
@@ -54,8 +69,15 @@ public:
 private:
     void readLoop();
     void readFrames();
+    // `last`: the reader is joined; later posts run on the posting thread.
+    void runPosted(bool last = false);
     void onFrame(const NvFrameView& view);
     void onDataPacket(NvDevice* dev, const NvFrameView& view);
+    void onMasterMessage(NvDevice* master, const NvFrameView& view);
+    void enterMode(NvDevice* dev, NvDeviceState state);
+    void onSkipped(const uint8_t* bytes, size_t count);
+    void reportDetected(NvProtocolType type, const NvByteArray& bytes);
+    void checkDataFlow();
     void lost();
 
     Control* m_control;
@@ -67,8 +89,15 @@ private:
     std::atomic<bool> m_stop{false};
     std::atomic<NvDevice*> m_device{nullptr};
     std::atomic<NvDevice*> m_releaseOnExit{nullptr};
-    NvFrameParser m_parser; // reader thread only
+    std::atomic<bool> m_masterPort{false};
+    NvFrameParser m_parser;    // reader thread only
+    StreamDetector m_detector; // reader thread only
+    int64_t m_lastInputNs = 0; // reader thread only
     std::atomic<uint64_t> m_checksumErrors{0};
+
+    std::mutex m_postMutex;
+    std::vector<std::function<void()>> m_posted;
+    bool m_postsRunHere = true; // false once the reader is joined
 
     std::mutex m_writeMutex;
     std::mutex m_requestMutex; // one request at a time per port
@@ -76,6 +105,7 @@ private:
     std::condition_variable m_replyCv;
     bool m_waiting = false;
     uint8_t m_expected = 0;
+    uint8_t m_expectedBus = 0xFF;
     bool m_gotReply = false;
     bool m_hungUp = false;
     NvMessage m_reply;
@@ -93,7 +123,10 @@ struct NvDevice
 
     // Fixed once the device is published.
     NvDeviceId id;
-    std::shared_ptr<nda::Port> port;
+    std::shared_ptr<nda::Port> port; // a child shares its master's
+    uint8_t busId = NvMessage::BusIdDevice;
+    NvDevice* master = nullptr; // the wireless master a tracker is behind
+    bool isMaster = false;
 
     std::mutex mutex; // guards what follows: reinitialize reads it again
     NvString productCode;
@@ -103,10 +136,28 @@ struct NvDevice
     NvSyncSettingArray syncSettings;
     int locationId = 0;
     NvGpsStatus gnssStatus;
+    // Wireless: a tracker's latest record from its master; a master's radio, rate and
+    // every tracker it has reported.
+    KvwInfo kvw;
+    bool transportMode = false;
+    int radioChannel = 0;
+    int updateRate = 0;
+    int freeSlots = 0;
+    std::vector<int> offeredRates;
+    std::vector<KvwInfo> trackers;
+
+    // A master's children by bus id: written under the control's lock and this one,
+    // read by the reader under this one.
+    std::mutex childMutex;
+    std::array<NvDevice*, 33> children{};
+    NvDevice* child(uint8_t busId);
 
     // Reader thread only.
     bool m_haveCounter = false;
     uint16_t m_lastCounter = 0;
+    int64_t m_lastPacketNs = 0;
+    int64_t m_lastSampleTime = 0;
+    bool m_dataUnavailable = false;
     void resetCounter();
 };
 
@@ -114,6 +165,8 @@ struct NvControl
 {
     NvControl();
     ~NvControl();
+    NvControl(const NvControl&) = delete;
+    NvControl& operator=(const NvControl&) = delete;
 
     // Calls `f(handler)` for every registered handler, in order, without holding a lock
     // while a handler runs.
@@ -135,9 +188,27 @@ struct NvControl
     bool openPort(const NvString& name, NvBaudRate baudRate, unsigned timeout, NvPortInfo* info);
     bool closeDevice(NvDevice* dev);
     NvDevice* findDevice(const NvDeviceId& id);
+    // The main device on port `name` (not the devices behind a master there).
     NvDevice* findByPort(const NvString& name);
     std::vector<NvDevice*> devices();
+    std::vector<NvDevice*> mainDevices();
+    std::vector<NvDevice*> childrenOf(NvDevice* master);
     void closeAll();
+
+    // Reads a device's identity and settings through `port` (not on its reader thread):
+    // the port's own device (bus 0xFF) or one behind a master. Null when its id is
+    // unreadable; the result value then says why.
+    std::unique_ptr<NvDevice> identify(const std::shared_ptr<nda::Port>& port, uint8_t busId,
+                                       unsigned timeout, NvResultValue* rc);
+    // Reads a master's radio, rate and tracker list into its cache.
+    NvResultValue readMasterState(NvDevice* master, unsigned timeout);
+    // Publishes a tracker behind `master` (on the master's reader thread, or before the
+    // master is published) and reports its connectivity. False when its id or bus is taken.
+    bool attachChild(NvDevice* master, std::unique_ptr<NvDevice> child, bool report);
+    // A tracker record from the master (reader thread).
+    void trackerReported(NvDevice* master, const KvwInfo& info);
+    // Runs `task` on the control's worker thread (requests that a reader cannot make).
+    void runInBackground(std::function<void()> task);
 
     int options() const { return m_options; }
     std::atomic<int> m_options{0};
@@ -150,6 +221,15 @@ private:
     std::vector<NvCallbackPlainC*> m_handlers;
     std::set<uint64_t> m_activeDispatches;
     uint64_t m_nextTicket = 1;
+
+    void closeChild(NvDevice* child, bool fromPortShutdown);
+    void workerLoop();
+
+    std::mutex m_workerMutex;
+    std::condition_variable m_workerCv;
+    std::deque<std::function<void()>> m_workerTasks;
+    std::thread m_worker;
+    bool m_workerStop = false;
 
     std::mutex m_mutex; // guards the maps below
     std::map<NvDeviceId, std::unique_ptr<NvDevice>> m_devices;
@@ -191,7 +271,7 @@ inline unsigned timeoutOf(NvDevice* dev, unsigned timeout)
 inline NvResultValue request(NvDevice* dev, uint8_t mid, const NvByteArray& data, NvMessage* reply,
                              unsigned timeout = 0)
 {
-    return dev->port->request(NvMessage::toDevice(mid, data), uint8_t(mid + 1), reply,
+    return dev->port->request(NvMessage(dev->busId, mid, data), uint8_t(mid + 1), reply,
                               timeoutOf(dev, timeout));
 }
 
@@ -216,6 +296,10 @@ void copyCached(NvDevice* dev, T* out, T NvDevice::*field)
     std::lock_guard<std::mutex> lock(dev->mutex);
     *out = dev->*field;
 }
+
+// One setting per line and function a device of this family accepts (polarity rising,
+// other fields at their defaults); the lines come from the family, not the device.
+NvSyncSettingArray supportedSyncSettings(const NvDeviceId& id);
 
 // Reads the output configuration and sync settings into the cache again.
 NvResultValue reloadDevice(NvDevice* dev);

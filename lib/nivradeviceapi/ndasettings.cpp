@@ -248,3 +248,50 @@ void NvDevice_gnssStatus(NvDevice* device, NvGpsStatus* out)
 }
 
 } // extern "C"
+
+NvSyncSettingArray nda::supportedSyncSettings(const NvDeviceId& id)
+{
+    struct Line
+    {
+        NvSyncLine line;
+        std::vector<NvSyncFunction> functions;
+    };
+    std::vector<Line> lines;
+    if (id.isWirelessMaster()) {
+        // A station starts and stops recordings and tells others it does.
+        const std::vector<NvSyncFunction> in = {NSF_START_RECORDING_IN, NSF_STOP_RECORDING_IN,
+                                                NSF_TRIGGER_INDICATION};
+        const std::vector<NvSyncFunction> out = {NSF_START_RECORDING_OUT, NSF_STOP_RECORDING_OUT,
+                                                 NSF_INTERVAL_TRANSITION_RECORDING};
+        lines = {{NSL_IN1, in}, {NSL_IN2, in}, {NSL_OUT1, out}, {NSL_OUT2, out}};
+    } else if (id.isWirelessTracker() || id.isContainer()) {
+        // Trackers behind a master are synchronised by it.
+    } else if (id.isLegacyTracker()) {
+        lines = {{NSL_IN1, {NSF_TRIGGER_INDICATION, NSF_SEND_LATEST}},
+                 {NSL_OUT1, {NSF_INTERVAL_TRANSITION_MEASUREMENT}}};
+    } else if (id.isInertialTracker() || id.isGnss() || id.isImu()) {
+        const std::vector<NvSyncFunction> in = {NSF_RESET_TIMER,           NSF_TRIGGER_INDICATION,
+                                                NSF_SEND_LATEST,           NSF_START_SAMPLING,
+                                                NSF_CLOCK_BIAS_ESTIMATION, NSF_SAMPLE_AND_SEND};
+        std::vector<NvSyncFunction> out = {NSF_INTERVAL_TRANSITION_MEASUREMENT,
+                                           NSF_PULSE_WIDTH_MODULATION};
+        if (id.isGnss())
+            out.push_back(NSF_TIME_PULSE);
+        lines = {{NSL_IN1, in},
+                 {NSL_IN2, in},
+                 {NSL_REQ_DATA, {NSF_SAMPLE_AND_SEND, NSF_SEND_LATEST}},
+                 {NSL_OUT1, out},
+                 {NSL_SYNC_OUT, out}};
+        if (id.isGnss())
+            lines.push_back({NSL_GNSS_1PPS, {NSF_CLOCK_BIAS_ESTIMATION, NSF_TRIGGER_INDICATION}});
+    }
+    NvSyncSettingArray out;
+    for (const Line& l : lines)
+        for (NvSyncFunction f : l.functions) {
+            NvSyncSetting s;
+            s.line = l.line;
+            s.function = f;
+            out.push_back(s);
+        }
+    return out;
+}

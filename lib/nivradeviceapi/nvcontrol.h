@@ -8,6 +8,7 @@
 #include "nvcallback.h"
 #include "nvdeviceid.h"
 #include "nvgnss.h"
+#include "nvkvwinfo.h"
 #include "nvmessage.h"
 #include "nvoutputconfiguration.h"
 #include "nvportinfo.h"
@@ -141,10 +142,32 @@ int NvDevice_sendRawMessage(NvDevice* device, const NvMessage* message);
 // on success; apply tries every setting and answers the first refusal.
 int NvDevice_createConfigFile(NvDevice* device, const NvString* fileName);
 int NvDevice_applyConfigFile(NvDevice* device, const NvString* fileName);
-int NvDevice_setTransportMode(NvDevice* device, int enable);
+// ---- Wireless masters and trackers (docs/device-library.md, "Wireless")
+NvDevice* NvDevice_masterDevice(NvDevice* device); // a tracker's master, else null
+int NvDevice_busId(NvDevice* device);              // 1..32 behind a master, 255 on a port
+// A tracker's latest record (connection, RSSI, battery); empty for other devices.
+void NvDevice_kvwInfo(NvDevice* device, KvwInfo* out);
+// Every tracker a master has reported (connected, docked, rejected, disconnected).
+void NvDevice_trackerInfos(NvDevice* device, std::vector<KvwInfo>* out);
+int NvDevice_requestTrackerList(NvDevice* device);
+int NvDevice_radioChannel(NvDevice* device); // 0: radio off
+int NvDevice_isRadioEnabled(NvDevice* device);
+// channel 11..25; NRV_CHANNEL_IN_USE when another master of the control has it.
 int NvDevice_enableRadio(NvDevice* device, int channel);
 int NvDevice_disableRadio(NvDevice* device);
+int NvDevice_updateRate(NvDevice* device); // a master's, Hz
+int NvDevice_setUpdateRate(NvDevice* device, int rate);
+int NvDevice_freeSlots(NvDevice* device);
+int NvDevice_setDeviceAccepted(NvDevice* device, const NvDeviceId* tracker);
+int NvDevice_setDeviceRejected(NvDevice* device, const NvDeviceId* tracker);
+// A tracker switches off for transport (through its master); a master remembers it.
+int NvDevice_setTransportMode(NvDevice* device, int enable);
+int NvDevice_isInTransportMode(NvDevice* device);
+// A tracker's battery is reported to onInfoResponse(NIR_BATTERY_LEVEL) on the calling
+// thread; masters also report changes by themselves, on the reader.
 int NvDevice_requestBatteryLevel(NvDevice* device);
+int NvDevice_batteryLevel(NvDevice* device);  // %, -1 unknown
+int NvDevice_lastKnownRssi(NvDevice* device); // dBm, -128 unknown
 int NvDevice_startRecording(NvDevice* device);
 int NvDevice_stopRecording(NvDevice* device);
 // Frames of this device's port dropped for a bad checksum.

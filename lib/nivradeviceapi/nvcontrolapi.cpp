@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <future>
 
 using nda::done;
 using nda::fail;
@@ -62,6 +63,40 @@ NvControl::~NvControl()
         g_controls.erase(this);
     }
     closeAll();
+    {
+        std::lock_guard<std::mutex> lock(m_workerMutex);
+        m_workerStop = true;
+    }
+    m_workerCv.notify_all();
+    if (m_worker.joinable())
+        m_worker.join();
+    closeAll(); // what the worker's last tasks may have left
+}
+
+void NvControl::runInBackground(std::function<void()> task)
+{
+    std::lock_guard<std::mutex> lock(m_workerMutex);
+    if (m_workerStop)
+        return;
+    m_workerTasks.push_back(std::move(task));
+    if (!m_worker.joinable())
+        m_worker = std::thread([this] { workerLoop(); });
+    m_workerCv.notify_one();
+}
+
+void NvControl::workerLoop()
+{
+    std::unique_lock<std::mutex> lock(m_workerMutex);
+    for (;;) {
+        m_workerCv.wait(lock, [this] { return m_workerStop || !m_workerTasks.empty(); });
+        if (m_workerTasks.empty())
+            return;
+        std::function<void()> task = std::move(m_workerTasks.front());
+        m_workerTasks.pop_front();
+        lock.unlock();
+        task();
+        lock.lock();
+    }
 }
 
 void NvControl::dispatchImpl(const std::function<void(const NvCallbackPlainC*)>& f)
@@ -141,6 +176,9 @@ void destroyDevice(NvControl* control, std::unique_ptr<NvDevice> dev)
 
 void NvControl::deviceLost(NvDevice* dev)
 {
+    if (dev->isMaster)
+        for (NvDevice* child : childrenOf(dev))
+            closeChild(child, false);
     std::unique_ptr<NvDevice> owned;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -175,8 +213,39 @@ void NvControl::release(NvDevice* dev)
     destroyDevice(this, std::move(owned));
 }
 
+void NvControl::closeChild(NvDevice* child, bool portStopped)
+{
+    std::unique_ptr<NvDevice> owned;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        auto it = m_devices.find(child->id);
+        if (it == m_devices.end() || it->second.get() != child)
+            return;
+        owned = std::move(it->second);
+        m_devices.erase(it);
+        {
+            std::lock_guard<std::mutex> childLock(child->master->childMutex);
+            if (child->master->children[child->busId] == child)
+                child->master->children[child->busId] = nullptr;
+        }
+        child->isOpen = false;
+        m_closed.push_back(std::move(owned));
+    }
+    // The reader may be inside a callback with this very handle: it releases the device
+    // once it is past it.
+    if (portStopped && !child->port->isReaderThread())
+        release(child);
+    else
+        child->port->releaseLater(child);
+}
+
 bool NvControl::closeDevice(NvDevice* dev)
 {
+    if (dev->master) {
+        closeChild(dev, false);
+        setResult(NRV_OK);
+        return true;
+    }
     std::unique_ptr<NvDevice> owned;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -189,6 +258,9 @@ bool NvControl::closeDevice(NvDevice* dev)
     }
     dev->port->attach(nullptr);
     dev->port->shutdown();
+    if (dev->isMaster)
+        for (NvDevice* child : childrenOf(dev))
+            closeChild(child, true);
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         dev->isOpen = false;
@@ -223,9 +295,29 @@ NvDevice* NvControl::findByPort(const NvString& name)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     for (auto& entry : m_devices)
-        if (entry.second->port->name() == name)
+        if (!entry.second->master && entry.second->port->name() == name)
             return entry.second.get();
     return nullptr;
+}
+
+std::vector<NvDevice*> NvControl::mainDevices()
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    std::vector<NvDevice*> out;
+    for (auto& entry : m_devices)
+        if (!entry.second->master)
+            out.push_back(entry.second.get());
+    return out;
+}
+
+std::vector<NvDevice*> NvControl::childrenOf(NvDevice* master)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    std::vector<NvDevice*> out;
+    for (auto& entry : m_devices)
+        if (entry.second->master == master)
+            out.push_back(entry.second.get());
+    return out;
 }
 
 std::vector<NvDevice*> NvControl::devices()
@@ -239,7 +331,7 @@ std::vector<NvDevice*> NvControl::devices()
 
 void NvControl::closeAll()
 {
-    for (NvDevice* dev : devices())
+    for (NvDevice* dev : mainDevices())
         closeDevice(dev);
     std::vector<std::shared_ptr<nda::Port>> dead;
     {
@@ -309,38 +401,37 @@ bool NvControl::openPort(const NvString& name, NvBaudRate baudRate, unsigned tim
         return fail(rc == NRV_TIMEOUT && baudRate == NBR_DETECT ? NRV_BAUDRATE_NOT_DETECTED : rc);
     }
 
-    auto dev = std::make_unique<NvDevice>();
-    dev->control = this;
-    NvMessage reply;
-    rc = port->request(NvMessage::toDevice(NvMid::ReqDeviceId), NvMid::DeviceId, &reply, t);
-    if (rc == NRV_OK)
-        dev->id = NvDeviceId::fromWire(reply.data(), reply.dataSize());
-    if (rc != NRV_OK || dev->id.isEmpty()) {
+    std::unique_ptr<NvDevice> dev = identify(port, NvMessage::BusIdDevice, t, &rc);
+    if (!dev) {
         port->shutdown();
-        return fail(NRV_DEVICE_INFO_UNREADABLE);
+        return fail(rc);
     }
-    // The rest is optional: an older device may refuse some of it.
-    if (port->request(NvMessage::toDevice(NvMid::ReqProductCode), NvMid::ProductCode, &reply, t) ==
-        NRV_OK)
-        dev->productCode = nda::replyText(reply);
-    if (port->request(NvMessage::toDevice(NvMid::ReqFirmwareRevision), NvMid::FirmwareRevision,
-                      &reply, t) == NRV_OK &&
-        reply.dataSize() >= NvVersion::FirmwareWireSize)
-        dev->firmware = NvVersion::fromFirmwareWire(reply.data());
-    if (port->request(NvMessage::toDevice(NvMid::ReqHardwareVersion), NvMid::HardwareVersion,
-                      &reply, t) == NRV_OK &&
-        reply.dataSize() >= NvVersion::HardwareWireSize)
-        dev->hardware = NvVersion::fromHardwareWire(reply.data());
-    if (port->request(NvMessage::toDevice(NvMid::ReqOutputConfiguration),
-                      NvMid::OutputConfiguration, &reply, t) == NRV_OK)
-        nvOutputConfigurationFromWire(reply.data(), reply.dataSize(), dev->outputConfiguration);
-    if (port->request(NvMessage::toDevice(NvMid::ReqSyncSettings), NvMid::SyncSettings, &reply,
-                      t) == NRV_OK)
-        nvSyncSettingsFromWire(reply.data(), reply.dataSize(), dev->syncSettings);
-    if (port->request(NvMessage::toDevice(NvMid::ReqLocationId), NvMid::LocationId, &reply, t) ==
-        NRV_OK)
-        dev->locationId = reply.readU16(0);
-    dev->port = port;
+    std::vector<std::unique_ptr<NvDevice>> children;
+    if (dev->isMaster) {
+        port->setMasterPort();
+        readMasterState(dev.get(), t);
+        std::vector<KvwInfo> present;
+        {
+            std::lock_guard<std::mutex> lock(dev->mutex);
+            present = dev->trackers;
+        }
+        for (const KvwInfo& info : present) {
+            if ((info.state != NCS_PLUGGED_IN && info.state != NCS_WIRELESS) || info.busId == 0 ||
+                info.busId > 32)
+                continue;
+            std::unique_ptr<NvDevice> child = identify(port, info.busId, t, nullptr);
+            if (!child)
+                child = std::make_unique<NvDevice>();
+            child->control = this;
+            child->id = info.deviceId; // as the master knows it, even if it did not answer
+            if (child->productCode.empty())
+                child->productCode = info.deviceId.productCode();
+            child->busId = info.busId;
+            child->kvw = info;
+            child->port = port;
+            children.push_back(std::move(child));
+        }
+    }
 
     NvDevice* raw = dev.get();
     {
@@ -351,7 +442,6 @@ bool NvControl::openPort(const NvString& name, NvBaudRate baudRate, unsigned tim
         }
         m_devices.emplace(raw->id, std::move(dev));
     }
-    port->attach(raw);
     if (info) {
         info->portName = name;
         info->baudRate = port->baudRate();
@@ -359,6 +449,23 @@ bool NvControl::openPort(const NvString& name, NvBaudRate baudRate, unsigned tim
     }
     nda::log(NDA_LOG_DEBUG, ("Opened " + name + ": " + raw->id.toString()).c_str());
     changeState(raw, NDS_CONFIGURATION);
+    // Trackers are published on the reader, where their frames are routed; the opener
+    // waits so that they are there when openPort returns.
+    if (!children.empty()) {
+        auto pending =
+            std::make_shared<std::vector<std::unique_ptr<NvDevice>>>(std::move(children));
+        auto doneFlag = std::make_shared<std::promise<void>>();
+        std::future<void> attached = doneFlag->get_future();
+        port->post([this, raw, pending, doneFlag] {
+            for (auto& child : *pending)
+                attachChild(raw, std::move(child), true);
+            doneFlag->set_value();
+        });
+        port->attach(raw);
+        attached.wait();
+    } else {
+        port->attach(raw);
+    }
     setResult(NRV_OK);
     return true;
 }
@@ -477,15 +584,18 @@ void NvControl_deviceIds(NvControl* control, NvDeviceIdArray* out)
 
 void NvControl_mainDeviceIds(NvControl* control, NvDeviceIdArray* out)
 {
-    // Every open device is on its own port until masters are supported.
-    NvControl_deviceIds(control, out);
+    if (!control || !out)
+        return;
+    out->clear();
+    for (NvDevice* dev : control->mainDevices())
+        out->push_back(dev->id);
 }
 
 int NvControl_mainDevices(NvControl* control, NvDevice** out, int capacity)
 {
     if (!control)
         return 0;
-    const auto devs = control->devices();
+    const auto devs = control->mainDevices();
     for (int i = 0; out && i < capacity && i < int(devs.size()); ++i)
         out[i] = devs[size_t(i)];
     return int(devs.size());
@@ -504,22 +614,6 @@ void NvControl_kvDeviceIds(NvControl* control, NvDeviceIdArray* out)
 int NvControl_deviceCount(NvControl* control)
 {
     return control ? int(control->devices().size()) : 0;
-}
-
-int NvControl_isDeviceWireless(NvControl*, const NvDeviceId*)
-{
-    return 0;
-}
-
-int NvControl_isDeviceDocked(NvControl*, const NvDeviceId*)
-{
-    return 0;
-}
-
-void NvControl_dockDeviceId(NvControl*, const NvDeviceId*, NvDeviceId* out)
-{
-    if (out)
-        *out = NvDeviceId();
 }
 
 void NvControl_setOptions(NvControl* control, int enable, int disable)
@@ -623,7 +717,13 @@ NvConnectivityState NvDevice_connectivityState(NvDevice* device)
 {
     if (!device || device->isBroadcast)
         return NCS_UNKNOWN;
-    return device->isOpen ? NCS_PLUGGED_IN : NCS_DISCONNECTED;
+    if (!device->isOpen)
+        return NCS_DISCONNECTED;
+    if (device->master) {
+        std::lock_guard<std::mutex> lock(device->mutex);
+        return device->kvw.state;
+    }
+    return NCS_PLUGGED_IN;
 }
 
 int NvDevice_isMeasuring(NvDevice* device)
@@ -646,17 +746,13 @@ int NvDevice_isReadingFromFile(NvDevice*)
     return 0;
 }
 
-int NvDevice_isMasterDevice(NvDevice*)
-{
-    return 0;
-}
-
 namespace {
 int modeChange(NvDevice* device, uint8_t mid, NvResultValue failure)
 {
     if (device && device->isBroadcast) {
         bool ok = true;
-        for (NvDevice* dev : device->control->devices())
+        // Masters pass mode changes on to their trackers.
+        for (NvDevice* dev : device->control->mainDevices())
             ok = modeChange(dev, mid, failure) && ok;
         setResult(ok ? NRV_OK : failure);
         return ok;
@@ -770,11 +866,17 @@ int NvDevice_setSyncSettings(NvDevice* device, const NvSyncSettingArray* setting
     return 1;
 }
 
-void NvDevice_supportedSyncSettings(NvDevice*, NvSyncSettingArray* out)
+void NvDevice_supportedSyncSettings(NvDevice* device, NvSyncSettingArray* out)
 {
-    if (out)
-        out->clear();
-    setResult(NRV_NOT_IMPLEMENTED);
+    if (!out)
+        return;
+    out->clear();
+    if (!device || device->isBroadcast) {
+        setResult(NRV_INVALID_DEVICE);
+        return;
+    }
+    *out = nda::supportedSyncSettings(device->id);
+    setResult(NRV_OK);
 }
 
 int NvDevice_locationId(NvDevice* device)
@@ -818,26 +920,6 @@ int NvDevice_sendCustomMessage(NvDevice* device, const NvMessage* message, int w
 int NvDevice_sendRawMessage(NvDevice* device, const NvMessage* message)
 {
     return NvDevice_sendCustomMessage(device, message, 0, nullptr, 0);
-}
-
-int NvDevice_setTransportMode(NvDevice*, int)
-{
-    return fail(NRV_NOT_SUPPORTED); // wireless devices only
-}
-
-int NvDevice_enableRadio(NvDevice*, int)
-{
-    return fail(NRV_NOT_A_MASTER);
-}
-
-int NvDevice_disableRadio(NvDevice*)
-{
-    return fail(NRV_NOT_A_MASTER);
-}
-
-int NvDevice_requestBatteryLevel(NvDevice*)
-{
-    return fail(NRV_NOT_SUPPORTED);
 }
 
 int NvDevice_startRecording(NvDevice*)
