@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <sstream>
 
 using nda::setResult;
@@ -237,34 +238,54 @@ int NvDevice_applyConfigFile(NvDevice* device, const NvString* fileName)
         return finish(parsed);
 
     // Every setting is tried; the first refusal is the answer.
-    NvResultValue first = NRV_OK;
-    auto note = [&](bool ok) {
-        if (!ok && first == NRV_OK)
-            first = lastOr(NRV_ERROR);
-    };
+    std::vector<std::function<bool()>> steps;
     if (s.haveErrorMode)
-        note(NvDevice_setErrorMode(device, NvErrorMode(s.errorMode)));
+        steps.push_back([&] { return NvDevice_setErrorMode(device, NvErrorMode(s.errorMode)); });
     if (s.haveDelay)
-        note(NvDevice_setRs485TransmissionDelay(device, uint16_t(s.delay)));
-    if (s.haveFlags) {
-        const int64_t current = NvDevice_deviceOptionFlags(device);
-        if (current < 0)
-            note(false);
-        else
-            note(NvDevice_setDeviceOptionFlags(device, s.flags & ~uint32_t(current),
-                                               uint32_t(current) & ~s.flags));
-    }
+        steps.push_back(
+            [&] { return NvDevice_setRs485TransmissionDelay(device, uint16_t(s.delay)); });
+    if (s.haveFlags)
+        steps.push_back([&] {
+            const int64_t current = NvDevice_deviceOptionFlags(device);
+            return current >= 0 &&
+                   NvDevice_setDeviceOptionFlags(device, s.flags & ~uint32_t(current),
+                                                 uint32_t(current) & ~s.flags);
+        });
     if (s.haveLocation)
-        note(NvDevice_setLocationId(device, int(s.location)));
+        steps.push_back([&] { return NvDevice_setLocationId(device, int(s.location)); });
     if (s.haveString)
-        note(
-            NvDevice_setStringOutputMode(device, uint16_t(s.stringType), uint16_t(s.stringPeriod)));
+        steps.push_back([&] {
+            return NvDevice_setStringOutputMode(device, uint16_t(s.stringType),
+                                                uint16_t(s.stringPeriod));
+        });
     if (s.haveProfile)
-        note(NvDevice_setFilterProfile(device, int(s.profile)));
+        steps.push_back([&] { return NvDevice_setFilterProfile(device, int(s.profile)); });
     if (s.haveOutput)
-        note(NvDevice_setOutputConfiguration(device, &s.output));
+        steps.push_back([&] { return NvDevice_setOutputConfiguration(device, &s.output); });
     if (s.haveSync)
-        note(NvDevice_setSyncSettings(device, &s.sync));
+        steps.push_back([&] { return NvDevice_setSyncSettings(device, &s.sync); });
+
+    // A measuring device refuses settings: pause it and let it measure again afterwards.
+    const bool wasMeasuring = device->state == NDS_MEASUREMENT;
+    if (wasMeasuring && !NvDevice_gotoConfig(device))
+        return finish(nda::lastResult());
+    static const NvString progressName = "Applying settings";
+    const int total = int(steps.size());
+    auto progress = [&](int current) {
+        device->control->dispatch([&](const NvCallbackPlainC* h) {
+            if (h->onProgressUpdated)
+                h->onProgressUpdated(h->userData, device, current, total, &progressName);
+        });
+    };
+    NvResultValue first = NRV_OK;
+    for (int i = 0; i < total; ++i) {
+        progress(i);
+        if (!steps[size_t(i)]() && first == NRV_OK)
+            first = lastOr(NRV_ERROR);
+    }
+    progress(total);
+    if (wasMeasuring && !NvDevice_gotoMeasurement(device) && first == NRV_OK)
+        first = nda::lastResult();
     return finish(first);
 }
 

@@ -16,6 +16,7 @@ namespace nda {
 
 namespace {
 thread_local NvResultValue t_lastResult = NRV_OK;
+thread_local uint64_t t_lastOpenBytes = 0;
 } // namespace
 
 void setResult(NvResultValue value)
@@ -25,6 +26,16 @@ void setResult(NvResultValue value)
 NvResultValue lastResult()
 {
     return t_lastResult;
+}
+
+uint64_t lastOpenBytesHeard()
+{
+    return t_lastOpenBytes;
+}
+
+void setLastOpenBytesHeard(uint64_t bytes)
+{
+    t_lastOpenBytes = bytes;
 }
 
 int64_t monotonicNs()
@@ -80,6 +91,45 @@ static speed_t speedFor(int rate)
     default:
         return B115200; // rates termios lacks; pseudo-terminals ignore the rate anyway
     }
+}
+
+NvResultValue listenRaw(const std::string& name, NvBaudRate baudRate, unsigned ms,
+                        const StreamDetector::Sink& sink)
+{
+    const int fd = ::open(name.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
+        return errno == EBUSY ? NRV_PORT_IN_USE : NRV_PORT_OPEN_FAILED;
+    termios tio{};
+    if (tcgetattr(fd, &tio) == 0) {
+        cfmakeraw(&tio);
+        tio.c_cflag |= CLOCAL | CREAD;
+        cfsetspeed(&tio, speedFor(nvBaudRateToRate(baudRate)));
+        tcsetattr(fd, TCSANOW, &tio);
+    }
+    tcflush(fd, TCIFLUSH);
+    StreamDetector detector;
+    const int64_t end = monotonicNs() + int64_t(ms) * 1'000'000;
+    uint8_t buffer[1024];
+    NvResultValue rc = NRV_OK;
+    for (int64_t now = monotonicNs(); now < end; now = monotonicNs()) {
+        pollfd pfd{fd, POLLIN, 0};
+        const int n = ::poll(&pfd, 1, int((end - now) / 1'000'000) + 1);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;
+        const ssize_t got = ::read(fd, buffer, sizeof buffer);
+        if (got < 0 && (errno == EINTR || errno == EAGAIN))
+            continue;
+        if (got <= 0) {
+            rc = NRV_UNEXPECTED_DISCONNECT;
+            break;
+        }
+        detector.feed(buffer, size_t(got), sink);
+    }
+    detector.flush(sink);
+    ::close(fd);
+    return rc;
 }
 
 NvResultValue Port::open(NvBaudRate baudRate)
@@ -249,6 +299,7 @@ void Port::readFrames()
             ssize_t n = ::read(m_fd, buffer, sizeof buffer);
             if (n > 0) {
                 m_lastInputNs = monotonicNs();
+                m_bytesReceived += uint64_t(n);
                 const uint64_t before = m_parser.counters().checksumErrors;
                 m_parser.feed(
                     buffer, size_t(n), [this](const NvFrameView& view) { onFrame(view); },

@@ -26,7 +26,15 @@ using Control = ::NvControl;
 void setResult(NvResultValue value);
 NvResultValue lastResult();
 int64_t monotonicNs();
+// Bytes the calling thread's last failed openPort heard on the port (a silent port is
+// not worth listening to any longer).
+uint64_t lastOpenBytesHeard();
+void setLastOpenBytesHeard(uint64_t bytes);
 void closeAllControls();
+// Opens `name` without a reader, listens `ms` at `baudRate` without sending anything and
+// hands what it hears to `sink` (the scanner's look at ports that do not speak Nbus).
+NvResultValue listenRaw(const std::string& name, NvBaudRate baudRate, unsigned ms,
+                        const StreamDetector::Sink& sink);
 // Whether some control has `name` open; fills the device's identity and rate into `info`.
 bool findOpenPort(const std::string& name, NvPortInfo* info);
 
@@ -65,6 +73,7 @@ public:
     const std::string& name() const { return m_name; }
     NvBaudRate baudRate() const { return m_baudRate; }
     uint64_t checksumErrors() const { return m_checksumErrors; }
+    uint64_t bytesReceived() const { return m_bytesReceived; }
 
 private:
     void readLoop();
@@ -94,6 +103,7 @@ private:
     StreamDetector m_detector; // reader thread only
     int64_t m_lastInputNs = 0; // reader thread only
     std::atomic<uint64_t> m_checksumErrors{0};
+    std::atomic<uint64_t> m_bytesReceived{0};
 
     std::mutex m_postMutex;
     std::vector<std::function<void()>> m_posted;
@@ -140,6 +150,8 @@ struct NvDevice
     // every tracker it has reported.
     KvwInfo kvw;
     bool transportMode = false;
+    // Stored by setSerialBaudRate; the port follows when the device resets.
+    std::atomic<NvBaudRate> pendingBaudRate{NBR_INVALID};
     int radioChannel = 0;
     int updateRate = 0;
     int freeSlots = 0;
@@ -210,6 +222,10 @@ struct NvControl
     // Runs `task` on the control's worker thread (requests that a reader cannot make).
     void runInBackground(std::function<void()> task);
 
+    // Regaining a device that does not answer at its port (see the C function).
+    bool startRestore(const NvString& portName);
+    void stopRestore();
+
     int options() const { return m_options; }
     std::atomic<int> m_options{0};
     std::atomic<unsigned> replyTimeout{1500};
@@ -222,8 +238,12 @@ private:
     std::set<uint64_t> m_activeDispatches;
     uint64_t m_nextTicket = 1;
 
-    void closeChild(NvDevice* child, bool fromPortShutdown);
+    void closeChild(NvDevice* child, bool portStopped);
     void workerLoop();
+    void restoreLoop(std::string portName);
+
+    std::thread m_restoreThread;
+    std::atomic<bool> m_restoreStop{false};
 
     std::mutex m_workerMutex;
     std::condition_variable m_workerCv;

@@ -116,7 +116,51 @@ void NvScanner_setScanLogCallback(NvScanLogCallback callback)
     g_logCallback = callback;
 }
 
-int NvScanner_scanPort(NvPortInfo* portInfo, NvBaudRate baudRate, unsigned scanTime, int)
+} // extern "C"
+
+namespace {
+
+// Listens for a device of another maker that talks without being asked (NMEA receivers,
+// text consoles). Marks `info` foreign when one is heard.
+bool probeForeign(NvPortInfo& info, NvBaudRate baudRate, unsigned scanTime)
+{
+    std::vector<NvBaudRate> rates;
+    if (baudRate != NBR_DETECT)
+        rates = {baudRate};
+    else
+        rates = {NBR_115200, NBR_9600, NBR_4800, NBR_38400, NBR_57600};
+    const unsigned listen = std::min(scanTime, 600u);
+    for (NvBaudRate rate : rates) {
+        int nmea = 0, text = 0;
+        const NvResultValue rc = nda::listenRaw(info.portName, rate, listen,
+                                                [&](NvProtocolType type, const NvByteArray&) {
+                                                    nmea += type == NPT_NMEA;
+                                                    text += type == NPT_TEXT;
+                                                });
+        if (rc != NRV_OK)
+            return false;
+        if (nmea > 0 || text > 0) {
+            info.isForeign = true;
+            info.baudRate = rate;
+            info.deviceId = NvDeviceId();
+            info.description = std::string(nmea > 0 ? "NMEA device" : "text console") +
+                               " of another maker at " + std::to_string(nvBaudRateToRate(rate)) +
+                               " bd";
+            return true;
+        }
+    }
+    return false;
+}
+
+// RS-485 interfaces are the ones with a transmission delay to ask about.
+bool answersTransmitDelay(NvControl& probe, const NvDeviceId& id)
+{
+    NvDevice* dev = probe.findDevice(id);
+    return dev && NvDevice_rs485TransmissionDelay(dev) >= 0;
+}
+
+int scanOne(NvPortInfo* portInfo, NvBaudRate baudRate, unsigned scanTime, int detectRs485,
+            bool allowForeign)
 {
     if (!portInfo || portInfo->portName.empty()) {
         nda::setResult(NRV_INVALID_ARGUMENT);
@@ -130,14 +174,31 @@ int NvScanner_scanPort(NvPortInfo* portInfo, NvBaudRate baudRate, unsigned scanT
         return 1;
     }
     scanLog("Scanning port " + name + " at " + rateText(baudRate));
+    scanTime = scanTime ? scanTime : 1500u;
     // A private control: the scan does not disturb the application's devices or handlers.
     NvControl probe;
     NvPortInfo found = *portInfo;
-    if (!probe.openPort(name, baudRate, scanTime ? scanTime : 1500u, &found)) {
+    found.isForeign = false;
+    if (!probe.openPort(name, baudRate, scanTime, &found)) {
         const NvResultValue rc = nda::lastResult();
+        // Only a port that said something without answering is worth a longer listen.
+        const bool unanswered =
+            (rc == NRV_TIMEOUT || rc == NRV_BAUDRATE_NOT_DETECTED) && nda::lastOpenBytesHeard() > 0;
+        if (unanswered && probeForeign(found, baudRate, scanTime)) {
+            *portInfo = found;
+            scanLog("Found " + found.description + " on " + name +
+                    (allowForeign ? "" : " (not listed)"));
+            nda::setResult(allowForeign ? NRV_OK : NRV_NO_DEVICE_FOUND);
+            return allowForeign ? 1 : 0;
+        }
         scanLog("No device on " + name + ": " + nvResultValueText(rc));
         nda::setResult(rc);
         return 0;
+    }
+    if (detectRs485) {
+        found.isRs485 = answersTransmitDelay(probe, found.deviceId);
+        scanLog(std::string("Interface of ") + found.deviceId.toString() + ": " +
+                (found.isRs485 ? "RS-485" : "RS-232/USB"));
     }
     probe.closeAll();
     *portInfo = found;
@@ -147,17 +208,28 @@ int NvScanner_scanPort(NvPortInfo* portInfo, NvBaudRate baudRate, unsigned scanT
     return 1;
 }
 
+} // namespace
+
+extern "C" {
+
+int NvScanner_scanPort(NvPortInfo* portInfo, NvBaudRate baudRate, unsigned scanTime,
+                       int detectRs485)
+{
+    // A single port is the caller's explicit choice: what answers there is reported,
+    // foreign or not (isForeign tells).
+    return scanOne(portInfo, baudRate, scanTime, detectRs485, true);
+}
+
 void NvScanner_scanPorts(NvPortInfoArray* out, NvBaudRate baudRate, unsigned scanTime,
                          int ignoreNonNivra, int detectRs485)
 {
-    (void)ignoreNonNivra; // every found device speaks Nbus: foreign devices are not kept
     if (!out)
         return;
     out->clear();
     NvPortInfoArray ports = candidatePorts();
     scanLog("Scanning " + std::to_string(ports.size()) + " port(s)");
     for (NvPortInfo& info : ports)
-        if (NvScanner_scanPort(&info, baudRate, scanTime, detectRs485))
+        if (scanOne(&info, baudRate, scanTime, detectRs485, !ignoreNonNivra))
             out->push_back(info);
     scanLog("Scan done: " + std::to_string(out->size()) + " device(s)");
     nda::setResult(out->empty() ? NRV_NO_DEVICE_FOUND : NRV_OK);

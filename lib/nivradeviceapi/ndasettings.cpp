@@ -104,7 +104,10 @@ int NvDevice_setSerialBaudRate(NvDevice* device, NvBaudRate baudRate)
         return fail(NRV_INVALID_BAUDRATE);
     if (!usable(device))
         return 0;
-    return done(request(device, NvMid::SetBaudRate, {uint8_t(baudRate)}, nullptr));
+    if (!done(request(device, NvMid::SetBaudRate, {uint8_t(baudRate)}, nullptr)))
+        return 0;
+    device->pendingBaudRate = baudRate;
+    return 1;
 }
 
 NvBaudRate NvDevice_serialBaudRate(NvDevice* device)

@@ -62,6 +62,7 @@ NvControl::~NvControl()
         std::lock_guard<std::mutex> lock(g_registryMutex);
         g_controls.erase(this);
     }
+    stopRestore();
     closeAll();
     {
         std::lock_guard<std::mutex> lock(m_workerMutex);
@@ -361,6 +362,7 @@ struct OpeningGuard
 bool NvControl::openPort(const NvString& name, NvBaudRate baudRate, unsigned timeout,
                          NvPortInfo* info)
 {
+    nda::setLastOpenBytesHeard(0);
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         for (auto& entry : m_devices)
@@ -387,17 +389,21 @@ bool NvControl::openPort(const NvString& name, NvBaudRate baudRate, unsigned tim
     } else {
         rates = {baudRate, baudRate}; // one retry: the first may meet a WakeUp in flight
     }
+    // A device answers GoToConfig within milliseconds at its rate; a silent port costs the
+    // sweep a quarter second per rate instead of a whole reply time-out each.
+    const unsigned perRate = baudRate == NBR_DETECT ? std::min(t, 250u) : t;
     rc = NRV_TIMEOUT;
     for (NvBaudRate rate : rates) {
         if (!port->setBaudRate(rate))
             continue;
-        rc =
-            port->request(NvMessage::toDevice(NvMid::GoToConfig), NvMid::GoToConfigAck, nullptr, t);
+        rc = port->request(NvMessage::toDevice(NvMid::GoToConfig), NvMid::GoToConfigAck, nullptr,
+                           perRate);
         if (rc == NRV_OK || rc == NRV_UNEXPECTED_DISCONNECT)
             break;
     }
     if (rc != NRV_OK) {
         port->shutdown();
+        nda::setLastOpenBytesHeard(port->bytesReceived());
         return fail(rc == NRV_TIMEOUT && baudRate == NBR_DETECT ? NRV_BAUDRATE_NOT_DETECTED : rc);
     }
 
@@ -635,13 +641,6 @@ int NvControl_loadFilterProfiles(NvControl*, const NvString*)
     return fail(NRV_NOT_IMPLEMENTED);
 }
 
-int NvControl_startRestoreCommunication(NvControl*, const NvString*)
-{
-    return fail(NRV_NOT_IMPLEMENTED);
-}
-
-void NvControl_stopRestoreCommunication(NvControl*) {}
-
 NvResultValue NvControl_lastResult(NvControl*)
 {
     return nda::lastResult();
@@ -780,7 +779,14 @@ int NvDevice_reset(NvDevice* device)
         return 0;
     // The WakeUp that follows is answered by the reader, which keeps the device in
     // configuration and reports it.
-    return done(request(device, NvMid::Reset, {}, nullptr));
+    if (!done(request(device, NvMid::Reset, {}, nullptr)))
+        return 0;
+    // The device boots at the rate it was given; the port follows (a device behind a
+    // master keeps the master's link).
+    const NvBaudRate next = device->pendingBaudRate.exchange(NBR_INVALID);
+    if (next != NBR_INVALID && !device->master && !device->port->setBaudRate(next))
+        return fail(NRV_PORT_OPEN_FAILED);
+    return 1;
 }
 
 int NvDevice_restoreFactoryDefaults(NvDevice* device)

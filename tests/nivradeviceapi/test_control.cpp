@@ -5,11 +5,14 @@
 
 #include <algorithm>
 #include <atomic>
+#include <fcntl.h>
 #include <fstream>
 #include <map>
 #include <mutex>
 #include <sstream>
+#include <termios.h>
 #include <thread>
+#include <unistd.h>
 
 using namespace std::chrono_literals;
 using kvtest::KvsimProcess;
@@ -369,7 +372,49 @@ TEST_F(ControlTest, ResetIsAnsweredAndTheDeviceStaysInConfiguration)
     EXPECT_EQ(recorder.packetCount(dev), 0u);
     NvMessage req = NvMessage::toDevice(NvMid::ReqProductCode);
     EXPECT_TRUE(NvDevice_sendCustomMessage(dev, &req, 1, nullptr, 0)); // answered: configuration
+
+    // A new rate takes effect at the reset, and the port follows it.
+    ASSERT_TRUE(NvDevice_setSerialBaudRate(dev, NBR_460800));
+    EXPECT_EQ(NvDevice_baudRate(dev), NBR_115200);
+    ASSERT_TRUE(NvDevice_reset(dev)) << NvControl_lastResultText(control);
+    EXPECT_EQ(NvDevice_baudRate(dev), NBR_460800);
+    ASSERT_TRUE(waitUntil([&] { return recorder.wakeUps >= 2; }));
+    EXPECT_EQ(NvDevice_serialBaudRate(dev), NBR_460800);
     NvControl_close(control);
+}
+
+TEST_F(ControlTest, RestoringCommunicationRegainsAStreamingDeviceOrEndsWhenStopped)
+{
+    KvsimProcess sim({"--device", "ahrs:measure,rate=400", "--quiet"});
+    ASSERT_TRUE(sim.started()) << sim.stderrText();
+    const NvString port = sim.ports()[0].path;
+    ASSERT_TRUE(NvControl_startRestoreCommunication(control, &port));
+    ASSERT_TRUE(waitUntil([&] { return !recorder.copy(recorder.restored).empty(); }, 20s));
+    auto restored = recorder.copy(recorder.restored);
+    EXPECT_EQ(restored[0], std::make_pair(port, NRV_OK));
+    NvDevice* dev = open(sim.ports()[0]);
+    ASSERT_NE(dev, nullptr) << NvControl_lastResultText(control);
+    EXPECT_TRUE(NvDevice_isInConfigMode(dev));
+    // Its own port is not touched while a control has it open.
+    EXPECT_FALSE(NvControl_startRestoreCommunication(control, &port));
+    EXPECT_EQ(NvControl_lastResult(control), NRV_PORT_IN_USE);
+    NvControl_close(control);
+
+    // Nobody answers on a silent port: stopping ends the attempt with "aborted".
+    const int fd = posix_openpt(O_RDWR | O_NOCTTY);
+    ASSERT_GE(fd, 0);
+    grantpt(fd);
+    unlockpt(fd);
+    char name[128] = {};
+    ptsname_r(fd, name, sizeof name);
+    const NvString silent = name;
+    ASSERT_TRUE(NvControl_startRestoreCommunication(control, &silent));
+    std::this_thread::sleep_for(300ms);
+    NvControl_stopRestoreCommunication(control);
+    restored = recorder.copy(recorder.restored);
+    ASSERT_EQ(restored.size(), 2u);
+    EXPECT_EQ(restored[1], std::make_pair(silent, NRV_ABORTED));
+    ::close(fd);
 }
 
 TEST_F(ControlTest, SyncSettingsAreSetAndRefused)
@@ -527,7 +572,19 @@ TEST_F(ControlTest, ScannerFindsAnnouncedAndExtraPorts)
         EXPECT_GE(g_scanLog.size(), 5u);
     }
 
-    // The found port opens; a port the control has open is reported without a probe.
+    // Each found port opens with its device's product code.
+    const std::map<std::string, std::string> codes = {
+        {"imu", "KV-100"}, {"legacy", "KV-L30"}, {"gnss", "KV-770"}};
+    for (const auto& port : {sim.ports()[0], sim.ports()[1], other.ports()[0]}) {
+        NvDevice* dev = open(port);
+        ASSERT_NE(dev, nullptr) << port.kind;
+        NvString code;
+        NvDevice_productCode(dev, &code);
+        EXPECT_EQ(code, codes.at(port.kind));
+    }
+    NvControl_close(control);
+
+    // A port the control has open is reported without a probe.
     NvPortInfo info = found[0];
     ASSERT_TRUE(NvControl_openPort_1(control, &info, 0)) << NvControl_lastResultText(control);
     NvPortInfo again;
@@ -541,6 +598,72 @@ TEST_F(ControlTest, ScannerFindsAnnouncedAndExtraPorts)
     EXPECT_FALSE(NvScanner_scanPort(&none, NBR_115200, 500, 0));
     EXPECT_EQ(NvControl_lastResult(control), NRV_PORT_OPEN_FAILED);
     NvControl_close(control);
+}
+
+namespace {
+
+// A pseudo-terminal with a talker of another maker behind it: NMEA text, no Nbus.
+class ForeignTalker
+{
+public:
+    explicit ForeignTalker(bool talk)
+    {
+        m_fd = posix_openpt(O_RDWR | O_NOCTTY);
+        grantpt(m_fd);
+        unlockpt(m_fd);
+        char name[128] = {};
+        ptsname_r(m_fd, name, sizeof name);
+        path = name;
+        termios tio{};
+        tcgetattr(m_fd, &tio);
+        cfmakeraw(&tio);
+        tcsetattr(m_fd, TCSANOW, &tio);
+        if (talk)
+            m_thread = std::thread([this] {
+                const std::string gga =
+                    "$GPGGA,123519,4807.038,N,01131.000,E,1,08,0.9,545.4,M,46.9,M,,*47\r\n";
+                while (!m_stop) {
+                    ssize_t n = ::write(m_fd, gga.data(), gga.size());
+                    (void)n;
+                    std::this_thread::sleep_for(50ms);
+                }
+            });
+    }
+    ~ForeignTalker()
+    {
+        m_stop = true;
+        if (m_thread.joinable())
+            m_thread.join();
+        ::close(m_fd);
+    }
+    std::string path;
+
+private:
+    int m_fd = -1;
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+};
+
+} // namespace
+
+TEST_F(ControlTest, ScannerListsOtherMakersOnlyWhenAllowedAndSkipsSilentPorts)
+{
+    ForeignTalker nmea(true), silent(false);
+    const std::string empty = kvtest::makeTempDir();
+    ScanEnvironment env(empty, nmea.path + ":" + silent.path);
+
+    NvPortInfoArray found;
+    NvScanner_scanPorts(&found, NBR_DETECT, 1000, 0, 0);
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(found[0].portName, nmea.path);
+    EXPECT_TRUE(found[0].isForeign);
+    EXPECT_FALSE(found[0].hasDevice());
+    EXPECT_NE(found[0].description.find("NMEA"), std::string::npos) << found[0].description;
+
+    NvScanner_scanPorts(&found, NBR_115200, 400, 1, 0);
+    EXPECT_TRUE(found.empty());
+    EXPECT_EQ(NvControl_lastResult(control), NRV_NO_DEVICE_FOUND);
+    kvtest::removeTree(empty);
 }
 
 namespace {
@@ -707,9 +830,18 @@ TEST_F(ControlTest, SettingsFileMovesTheSettingsToAnotherDevice)
     const NvString fileA = dir + "/a.nva", fileB = dir + "/b.nva";
     ASSERT_EQ(NvDevice_createConfigFile(a, &fileA), int(NRV_OK))
         << NvControl_lastResultText(control);
+    // A measuring device is paused for the settings and measures again afterwards.
+    ASSERT_TRUE(NvDevice_gotoMeasurement(b));
     EXPECT_EQ(NvDevice_applyConfigFile(b, &fileA), int(NRV_OK))
         << NvControl_lastResultText(control);
     EXPECT_EQ(NvControl_lastResult(control), NRV_OK);
+    EXPECT_TRUE(NvDevice_isMeasuring(b));
+    const auto progress = recorder.copy(recorder.progress);
+    ASSERT_GE(progress.size(), 2u);
+    EXPECT_EQ(progress.front().current, 0);
+    EXPECT_EQ(progress.back().current, progress.back().total);
+    EXPECT_EQ(progress.back().what, "Applying settings");
+    ASSERT_TRUE(NvDevice_gotoConfig(b));
 
     NvOutputConfigurationArray cached;
     NvDevice_outputConfiguration(b, &cached);
