@@ -95,12 +95,21 @@ TEST(KvsimAnnouncement, PortsAppearAndOnlyOwnLinesVanishOnSigterm)
     removeTree(runtime);
 }
 
-TEST(KvsimAnnouncement, MasterKindIsRefusedWithAMessage)
+TEST(KvsimAnnouncement, MasterNeedsAValidTrackerCount)
 {
-    KvsimProcess sim({"--device", "master:3"});
-    EXPECT_FALSE(sim.started());
-    EXPECT_EQ(sim.wait(10s), 2);
-    EXPECT_NE(sim.stderrText().find("master"), std::string::npos) << sim.stderrText();
+    for (const char* device : {"master", "master:0", "master:33", "master:2,docked=2,reject=1",
+                               "master:2,rate=50", "imu:docked=1"}) {
+        KvsimProcess sim({"--device", device});
+        EXPECT_FALSE(sim.started()) << device;
+        EXPECT_EQ(sim.wait(10s), 2) << device;
+        EXPECT_FALSE(sim.stderrText().empty()) << device;
+    }
+    KvsimProcess sim(
+        {"--device", "master:2,docked=1,reject=1,rate=60", "--device", "imu", "--quiet"});
+    ASSERT_TRUE(sim.started()) << sim.stderrText();
+    EXPECT_EQ(sim.ports()[0].kind, "master");
+    EXPECT_EQ(sim.ports()[0].id, nvEmulatedDeviceId("master", 0).toString());
+    EXPECT_EQ(sim.ports()[1].kind, "imu");
 }
 
 // ---- Configuration mode ----------------------------------------------------------------

@@ -229,29 +229,67 @@ bool EmulatedDevice::nmeaOutput() const
     return m_info.hasGnss && m_config.stringType == SOT_NMEA;
 }
 
+const char* EmulatedDevice::stateText() const
+{
+    switch (m_state) {
+    case State::Booting:
+        return "resetting";
+    case State::WaitingForAck:
+        return "sent WakeUp";
+    case State::Configuration:
+        return "configuration";
+    case State::Measurement:
+        return "measurement";
+    }
+    return "?";
+}
+
+void EmulatedDevice::measureAtRate(int64_t nowNs, uint16_t rate)
+{
+    m_fixedRate = rate;
+    startMeasurement(nowNs);
+}
+
+void EmulatedDevice::goToConfig()
+{
+    stopMeasurement();
+    m_state = State::Configuration;
+    m_stateDeadline = kNever;
+}
+
+uint64_t EmulatedDevice::gridTick(uint64_t gridIndex) const
+{
+    // Exact for the divisors of 10 kHz; a master's 60 and 120 Hz fall between ticks and
+    // take the tick before.
+    return nmeaOutput() ? gridIndex * m_gridTicks : gridIndex * kTicksPerSecond / m_gridRate;
+}
+
 void EmulatedDevice::startMeasurement(int64_t nowNs)
 {
     m_items.clear();
     uint32_t lcm = 1;
     bool anyRate = false;
     for (const NvOutputConfiguration& r : m_config.output) {
-        m_items.push_back({r.dataIdentifier, r.frequency, 0});
-        if (!r.isEveryPacket()) {
-            lcm = std::lcm(lcm, uint32_t(r.frequency));
+        // Under a master every item comes with every packet, at the master's rate.
+        const uint16_t frequency = m_fixedRate ? NV_FREQUENCY_EVERY_PACKET : r.frequency;
+        m_items.push_back({r.dataIdentifier, frequency, 0});
+        if (frequency != NV_FREQUENCY_EVERY_PACKET) {
+            lcm = std::lcm(lcm, uint32_t(frequency));
             anyRate = true;
         }
     }
     // Every supported rate divides 2000, so the common grid never runs faster than that.
-    m_gridRate = anyRate ? lcm : m_info.idleRate;
+    m_gridRate = m_fixedRate ? m_fixedRate : anyRate ? lcm : m_info.idleRate;
     for (ActiveItem& item : m_items)
         if (item.frequency != NV_FREQUENCY_EVERY_PACKET)
             item.divisor = m_gridRate / item.frequency;
     if (nmeaOutput()) {
         m_gridTicks = uint64_t(m_config.stringPeriod) * kTicksPerSecond / 1000;
+        m_nextGrid = ticksAt(nowNs) / m_gridTicks + 1;
     } else {
         m_gridTicks = kTicksPerSecond / m_gridRate;
+        m_nextGrid = ticksAt(nowNs) * m_gridRate / kTicksPerSecond + 1;
     }
-    m_nextGrid = ticksAt(nowNs) / m_gridTicks + 1;
     m_packetCounter = 0;
     m_state = State::Measurement;
     m_stateDeadline = kNever;
@@ -279,6 +317,7 @@ void EmulatedDevice::stopMeasurement()
 {
     if (m_state == State::Measurement)
         m_state = State::Configuration;
+    m_fixedRate = 0;
     flushTruth();
 }
 
@@ -291,7 +330,7 @@ int64_t EmulatedDevice::nextDeadline() const
     case State::Measurement:
         if (m_items.empty() && !nmeaOutput())
             return kNever; // nothing configured, nothing sent
-        return nsAtTick(m_nextGrid * m_gridTicks);
+        return nsAtTick(gridTick(m_nextGrid));
     case State::Configuration:
         break;
     }
@@ -301,7 +340,7 @@ int64_t EmulatedDevice::nextDeadline() const
 void EmulatedDevice::advance(int64_t nowNs, LinkSink& link, int maxSamples)
 {
     if (m_state == State::Booting && nowNs >= m_stateDeadline) {
-        link.sendControl(NvMessage(0xFF, NvMid::WakeUp));
+        link.sendControl(NvMessage(m_dataBusId, NvMid::WakeUp));
         m_state = State::WaitingForAck;
         m_stateDeadline += kWakeWindowNs;
     }
@@ -315,9 +354,9 @@ void EmulatedDevice::advance(int64_t nowNs, LinkSink& link, int maxSamples)
     }
     if (m_state == State::Measurement && (!m_items.empty() || nmeaOutput())) {
         const bool nmea = nmeaOutput();
-        for (int i = 0; i < maxSamples && nsAtTick(m_nextGrid * m_gridTicks) <= nowNs; ++i) {
+        for (int i = 0; i < maxSamples && nsAtTick(gridTick(m_nextGrid)) <= nowNs; ++i) {
             if (nmea) {
-                emitNmeaEpoch(m_nextGrid * m_gridTicks, link);
+                emitNmeaEpoch(gridTick(m_nextGrid), link);
                 ++m_nextGrid;
             } else {
                 emitSample(m_nextGrid, link);
@@ -352,7 +391,8 @@ void EmulatedDevice::recordTruth(TruthRow& row, SampleFate fate)
 NvMessage EmulatedDevice::buildPacket(uint64_t tick, bool all, uint64_t gridIndex, TruthRow& row)
 {
     const double t = motionTime(tick);
-    const double gridInterval = double(m_gridTicks ? m_gridTicks : 100) / kTicksPerSecond;
+    const double gridInterval =
+        m_fixedRate ? 1.0 / m_fixedRate : double(m_gridTicks ? m_gridTicks : 100) / kTicksPerSecond;
     const MotionSample s = m_motion.sample(t, gridInterval);
     const int64_t utcNs = utcNsAtTick(tick);
 
@@ -367,7 +407,7 @@ NvMessage EmulatedDevice::buildPacket(uint64_t tick, bool all, uint64_t gridInde
     };
     auto intervalOf = [&](uint16_t quantity) {
         const NvOutputConfiguration* r = nvFindOutput(m_config.output, quantity);
-        return r && !r->isEveryPacket() ? 1.0 / r->frequency : gridInterval;
+        return r && !r->isEveryPacket() && !m_fixedRate ? 1.0 / r->frequency : gridInterval;
     };
     auto increments = [&](double interval, NvQuaternion& dq, NvVector3& dv) {
         const MotionSample inc = interval == gridInterval ? s : m_motion.sample(t, interval);
@@ -432,7 +472,7 @@ NvMessage EmulatedDevice::buildPacket(uint64_t tick, bool all, uint64_t gridInde
     }
 
     m_builder.clear();
-    m_builder.setBusId(0xFF);
+    m_builder.setBusId(m_dataBusId);
     for (const ActiveItem& item : m_items) {
         if (!all && item.divisor != 0 && gridIndex % item.divisor != 0)
             continue;
@@ -641,7 +681,7 @@ NvGnssPvt EmulatedDevice::makePvt(uint64_t tick, const MotionSample& s, const Ve
 
 void EmulatedDevice::emitSample(uint64_t gridIndex, LinkSink& link)
 {
-    const uint64_t tick = gridIndex * m_gridTicks;
+    const uint64_t tick = gridTick(gridIndex);
     TruthRow row = m_truthRow;
     const NvMessage message = buildPacket(tick, false, gridIndex, row);
     ++m_packetCounter;
@@ -1088,6 +1128,16 @@ void EmulatedDevice::setSyncSettings(const NvFrameView& frame, LinkSink& link)
                 functionOk = function == NSF_INTERVAL_TRANSITION_MEASUREMENT ||
                              function == NSF_PULSE_WIDTH_MODULATION ||
                              (function == NSF_TIME_PULSE && m_info.hasGnss);
+            // A master's lines start and stop recordings and mark them.
+            if (m_info.kind == Kind::Master)
+                functionOk = input ? function == NSF_START_RECORDING_IN ||
+                                         function == NSF_STOP_RECORDING_IN ||
+                                         function == NSF_TRIGGER_INDICATION
+                                   : function == NSF_INTERVAL_TRANSITION_MEASUREMENT ||
+                                         function == NSF_INTERVAL_TRANSITION_RECORDING ||
+                                         function == NSF_GO_TO_OPERATIONAL ||
+                                         function == NSF_START_RECORDING_OUT ||
+                                         function == NSF_STOP_RECORDING_OUT;
             if (m_info.kind == Kind::Legacy)
                 functionOk = functionOk &&
                              (function == NSF_TRIGGER_INDICATION || function == NSF_SEND_LATEST ||

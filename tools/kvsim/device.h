@@ -33,6 +33,31 @@ public:
     // Measurement output (a data packet frame, or NMEA text); may be dropped, damaged or
     // lost to a full buffer, as the result tells.
     virtual SampleFate sendData(const uint8_t* bytes, size_t size, bool isFrame) = 0;
+    // A frame sent again on request (a master's flush): no faults, but it waits for room
+    // in the transmit buffer instead of being lost. False: no room now, try later.
+    virtual bool sendRetransmission(const uint8_t* bytes, size_t size) = 0;
+};
+
+// What a port runs: one device, or a master with the devices behind it. Runs on the
+// port's thread; not thread-safe.
+class PortDevice
+{
+public:
+    virtual ~PortDevice() = default;
+    virtual const NvDeviceId& id() const = 0;
+    virtual const char* kindName() const = 0;
+    // For diagnostics: "configuration", "measurement", ...
+    virtual const char* stateText() const = 0;
+    virtual void setPortName(const std::string& port) = 0;
+    // Power-on at `nowNs` (CLOCK_MONOTONIC).
+    virtual void powerUp(int64_t nowNs, LinkSink& link) = 0;
+    // Every frame read from the port; the device decides whether it is addressed.
+    virtual void handleFrame(const NvFrameView& frame, int64_t nowNs, LinkSink& link) = 0;
+    // The next time advance() has something to do, or kNever.
+    virtual int64_t nextDeadline() const = 0;
+    virtual void advance(int64_t nowNs, LinkSink& link) = 0;
+    // Hands buffered truth rows to the writer.
+    virtual void flushTruth() = 0;
 };
 
 // What a device keeps across resets and loses only to RestoreFactoryDefaults.
@@ -62,7 +87,7 @@ enum StringOutputType : uint16_t
 
 // One emulated device: its configuration state machine, its clock and the samples it
 // produces. Runs on its port's thread; not thread-safe.
-class EmulatedDevice
+class EmulatedDevice : public PortDevice
 {
 public:
     enum class State
@@ -76,24 +101,37 @@ public:
     EmulatedDevice(const DeviceSetup& setup, uint32_t index, uint64_t seed, int64_t originNs,
                    TruthWriter* truth);
 
-    const NvDeviceId& id() const { return m_id; }
+    const NvDeviceId& id() const override { return m_id; }
+    const char* kindName() const override { return m_info.name; }
+    const char* stateText() const override;
     const KindInfo& info() const { return m_info; }
     State state() const { return m_state; }
     uint8_t busId() const { return m_busId; }
-    void setPortName(const std::string& port) { m_truthRow.port = port; }
+    void setPortName(const std::string& port) override { m_truthRow.port = port; }
 
-    // Power-on at `nowNs` (CLOCK_MONOTONIC).
-    void powerUp(int64_t nowNs, LinkSink& link);
+    void powerUp(int64_t nowNs, LinkSink& link) override;
     // Whether this device answers a frame with the given bus identifier.
     bool addressedBy(uint8_t busId) const { return busId == 0xFF || busId == m_busId; }
+    void handleFrame(const NvFrameView& frame, int64_t nowNs, LinkSink& link) override
+    {
+        handleMessage(frame, nowNs, link);
+    }
     void handleMessage(const NvFrameView& frame, int64_t nowNs, LinkSink& link);
-    // The next time advance() has something to do, or kNever.
-    int64_t nextDeadline() const;
+    int64_t nextDeadline() const override;
+    void advance(int64_t nowNs, LinkSink& link) override { advance(nowNs, link, 4000); }
     // Does everything due at or before `nowNs`: samples, the WakeUp, the end of the wait.
     // At most `maxSamples` samples per call so that a long stall cannot starve the port.
-    void advance(int64_t nowNs, LinkSink& link, int maxSamples = 4000);
-    // Hands buffered truth rows to the writer.
-    void flushTruth();
+    void advance(int64_t nowNs, LinkSink& link, int maxSamples);
+    void flushTruth() override;
+
+    // Behind a master: the bus id the device answers to and puts on its data packets
+    // (0 while it is not connected).
+    void setBusId(uint8_t busId) { m_busId = m_dataBusId = busId; }
+    // Measures at `rate` Hz with every configured item in every packet, as a tracker does
+    // when its master measures.
+    void measureAtRate(int64_t nowNs, uint16_t rate);
+    // Back to configuration, as after GoToConfig.
+    void goToConfig();
 
     static DeviceConfig defaultConfig(const KindInfo& info, const DeviceSetup& setup);
 
@@ -129,6 +167,7 @@ private:
     bool rtkFixed(uint64_t tick) const;
     bool nmeaOutput() const;
     bool isDue(uint64_t gridIndex) const;
+    uint64_t gridTick(uint64_t gridIndex) const;
 
     // Builds the data packet of one sample: every item when `all`, otherwise those due at
     // grid index `gridIndex`.
@@ -143,6 +182,8 @@ private:
     DeviceSetup m_setup;
     NvDeviceId m_id;
     uint8_t m_busId = 1;
+    uint8_t m_dataBusId = 0xFF; // bus id of unsolicited frames (data packets, WakeUp)
+    uint16_t m_fixedRate = 0;   // nonzero: measuring at this rate for a master
     MotionModel m_motion;
     SkyModel m_sky;
     int64_t m_originNs;  // emulator start: motion time 0

@@ -27,7 +27,8 @@ Kinds:
   gnss     KV-770 GNSS/INS: all of ahrs plus position, velocity, GNSS PVT and satellite
            data, and NMEA string output; moves along a circle like a car
   legacy   KV-L30 AHRS with the legacy 32-bit identifier: a reduced item set, <= 400 Hz
-  master:N (wireless master) is not available in this version.
+  master:N KV Station X wireless master with N trackers (1..32, KVW tracker) behind it
+           on the same port; see "Wireless master" below
 
 Device options (after the colon, separated by commas):
   measure        start measuring at once, like a device whose WakeUp went unanswered
@@ -36,7 +37,12 @@ Device options (after the colon, separated by commas):
   nmea           (gnss) start with NMEA string output
   index=N        serial index of the identifier (default: 0, 1, ... per kind)
   drop=P, corrupt=P, disconnect=S   the fault options for this device only
+  docked=K       (master) the first K trackers sit in the dock, connected from power-up
+  reject=K       (master) the last K trackers are rejected (version mismatch) when they
+                 call in, until the host accepts them
+  rate=R         (master) update rate at power-up: 40, 60, 80, 100 (default) or 120
 Without measure or wakeup a device starts in configuration mode and stays silent.
+A master takes the tracker count first: --device master:6,docked=2,reject=1
 
 Output on standard output: one line per device, "PORT IDENTIFIER KIND", for example
   /dev/pts/7 1100000000001000 imu
@@ -70,6 +76,21 @@ RestoreFactoryDefaults (it does not outlive the process). In measurement mode a 
 takes GoToConfig, GoToMeasurement, Reset, ReqData, SetNoRotation, ResetOrientation,
 Req/SetUtcTime, ReqGnssStatus and ForwardGnssData; anything else gets Error 4.
 
+Wireless master (master:N):
+  The master is bus id 0xFF; a connected tracker (docked or wireless) is bus id slot + 1,
+  and frames for other bus ids are ignored. The radio is off at power-up and after
+  Reset; channel 11..25 turns it on, 0 off, others give Error 33. With the radio on the
+  trackers call in 80 ms apart, each announced by a TrackerStatus frame (0xFB);
+  TrackerLinkReport (0xFC) comes about once a second. Update rates: 40..120 Hz up to 10
+  wireless trackers, 40..80 up to 20, 40..60 above (default 100 Hz; Error 33 otherwise).
+  The master has no data items (empty output configuration; records give Error 33).
+  GoToMeasurement to the master starts its wireless trackers at the update rate, every
+  configured item in every packet, with the tracker's bus id; docked trackers do not
+  measure. Tracker commands: reject, accept, switch off and transport mode (off until
+  Reset); an unknown tracker gives Error 33. Packets dropped by --drop while measuring
+  are retransmitted after StartFlush, with FlushProgress (0xFD) every 100 packets and at
+  the end.
+
 Truth file: CSV with a header, one row per generated sample (also dropped ones):
   device,port,kind,output,status,counter,sample_time_fine,time, q0..q3, roll,pitch,yaw,
   gyr_*, acc_*, free_acc_*, mag_*, dq0..dq3, dv_*, pressure, temperature, latitude,
@@ -79,7 +100,8 @@ status is sent, dropped, corrupted (checksum will fail), garbage (junk bytes bef
 intact frame) or overflow (the host did not read and the transmit buffer was full).
 Values are exactly those encoded, before quantisation, in the frame of the configured
 item (ENU when the item is not configured); NMEA rows carry orientation and velocity in
-NED. Delta q/v cover the item's own period.
+NED. Delta q/v cover the item's own period. Tracker rows carry the tracker's identifier
+and kind "tracker"; packets retransmitted by a flush keep their "dropped" rows.
 
 Faults are drawn from the seed per packet, so a seed repeats them. Dropped packets still
 use up a packet counter value; corrupted frames keep their length and fail their

@@ -72,6 +72,7 @@ std::vector<KindInfo> makeKinds()
                  1,
                  false,
                  false,
+                 false,
                  MotionModel::Style::Handheld,
                  100,
                  {},
@@ -141,6 +142,7 @@ std::vector<KindInfo> makeKinds()
                     0,
                     true,
                     false,
+                    false,
                     MotionModel::Style::Handheld,
                     100,
                     {},
@@ -163,6 +165,42 @@ std::vector<KindInfo> makeKinds()
         legacy.items.push_back({q, ratesUpTo(400, 400)});
     legacy.items.push_back({NDI_MAGNETIC_FIELD, ratesUpTo(100, 400)});
     kinds.push_back(legacy);
+
+    // A master has no sensors: no items, no filter, sync lines for recording control.
+    KindInfo master = legacy;
+    master.kind = Kind::Master;
+    master.name = "master";
+    master.firmware = {4, 3, 1, 2718, 42117};
+    master.hardwareMajor = 3;
+    master.hardwareMinor = 0;
+    master.hasOrientation = false;
+    master.items.clear();
+    master.defaultOutput.clear();
+    master.profiles.clear();
+    master.defaultProfile = 0;
+    master.syncLines = {NSL_IN1, NSL_IN2, NSL_OUT1, NSL_OUT2};
+    master.optionMask = OF_DISABLE_AUTO_STORE | OF_DISABLE_AUTO_MEASUREMENT;
+    kinds.push_back(master);
+
+    // A tracker samples when the radio frame comes, so its items run at the master's
+    // update rates only.
+    KindInfo tracker = ahrs;
+    tracker.kind = Kind::Tracker;
+    tracker.name = "tracker";
+    tracker.firmware = {2, 4, 0, 1733, 41568};
+    tracker.hardwareMajor = 1;
+    tracker.hardwareMinor = 4;
+    tracker.hasBattery = true;
+    tracker.items.clear();
+    for (uint16_t q :
+         {NDI_PACKET_COUNTER, NDI_SAMPLE_TIME_FINE, NDI_SAMPLE_TIME_COARSE, NDI_STATUS_BYTE,
+          NDI_STATUS_WORD, NDI_UTC_TIME, NDI_TEMPERATURE, NDI_BARO_PRESSURE, NDI_ACCELERATION,
+          NDI_RATE_OF_TURN, NDI_DELTA_Q, NDI_DELTA_V, NDI_MAGNETIC_FIELD, NDI_QUATERNION,
+          NDI_ROTATION_MATRIX, NDI_EULER_ANGLES, NDI_FREE_ACCELERATION})
+        tracker.items.push_back({q, masterRates()});
+    tracker.syncLines.clear();
+    tracker.optionMask = OF_DISABLE_AUTO_STORE | orientationOptions;
+    kinds.push_back(tracker);
     return kinds;
 }
 
@@ -207,6 +245,12 @@ bool parseKind(const std::string& name, Kind& kind)
         }
     }
     return false;
+}
+
+const std::vector<uint16_t>& masterRates()
+{
+    static const std::vector<uint16_t> rates = {40, 60, 80, 100, 120};
+    return rates;
 }
 
 bool isValidBaudCode(uint8_t code)

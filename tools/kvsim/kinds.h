@@ -16,7 +16,9 @@ enum class Kind
     Imu,
     Ahrs,
     Gnss,
-    Legacy
+    Legacy,
+    Master,  // wireless master: a port with trackers behind it
+    Tracker, // wireless tracker behind a master; not a command-line kind
 };
 
 struct OutputRecord
@@ -50,7 +52,8 @@ struct KindInfo
     NvVersion firmware;
     uint8_t hardwareMajor, hardwareMinor;
     bool hasOrientation;
-    bool hasGnss; // GNSS items, GNSS status and platform, RTCM forwarding, NMEA output
+    bool hasGnss;    // GNSS items, GNSS status and platform, RTCM forwarding, NMEA output
+    bool hasBattery; // reported by the master in tracker records and link reports
     MotionModel::Style motion;
     uint16_t idleRate; // packet rate when only every-packet items are configured
     std::vector<ItemSupport> items;
@@ -66,7 +69,12 @@ struct KindInfo
 };
 
 const KindInfo& kindInfo(Kind kind);
+// The kinds a command line names directly (not master, which takes a tracker count, nor
+// tracker, which only exists behind a master).
 bool parseKind(const std::string& name, Kind& kind);
+
+// Update rates a master offers to its trackers, fastest last.
+const std::vector<uint16_t>& masterRates();
 
 // Option flag bits (Req/SetOptionFlags). The emulator records them; none changes the output.
 enum OptionFlag : uint32_t

@@ -2,6 +2,7 @@
 
 #include "announcer.h"
 #include "device.h"
+#include "master.h"
 #include "options.h"
 #include "portrunner.h"
 #include "truthwriter.h"
@@ -82,8 +83,14 @@ int main(int argc, char** argv)
     for (const DeviceSetup& setup : options.devices) {
         const uint32_t index = setup.index ? *setup.index : kindCount[setup.kind];
         ++kindCount[setup.kind];
-        auto device = std::make_unique<EmulatedDevice>(setup, index, options.seed, origin,
-                                                       truth.isOpen() ? &truth : nullptr);
+        TruthWriter* truthWriter = truth.isOpen() ? &truth : nullptr;
+        std::unique_ptr<PortDevice> device;
+        if (setup.kind == Kind::Master)
+            device =
+                std::make_unique<MasterDevice>(setup, index, options.seed, origin, truthWriter);
+        else
+            device =
+                std::make_unique<EmulatedDevice>(setup, index, options.seed, origin, truthWriter);
         PortRunner::Events events;
         events.log = log;
         events.disconnected = [&announcer, &disconnected, doneFd](PortRunner& runner) {
@@ -114,9 +121,9 @@ int main(int argc, char** argv)
                          error.c_str());
     }
     for (auto& runner : runners) {
-        EmulatedDevice& device = runner->device();
+        PortDevice& device = runner->device();
         std::printf("%s %s %s\n", runner->port().c_str(), device.id().toString().c_str(),
-                    device.info().name);
+                    device.kindName());
     }
     std::fflush(stdout);
     if (log && announced)

@@ -1,5 +1,6 @@
 #include "options.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -56,19 +57,29 @@ bool parseDevice(const std::string& text, DeviceSetup& setup, std::string& error
 {
     const size_t colon = text.find(':');
     const std::string kindName = text.substr(0, colon);
+    std::string rest = colon == std::string::npos ? "" : text.substr(colon + 1);
+    size_t start = 0;
     if (kindName == "master") {
-        error = "the wireless master kind 'master:N' is not available in this version of kvsim";
-        return false;
-    }
-    if (!parseKind(kindName, setup.kind)) {
-        error = "unknown device kind '" + kindName + "' (kinds: imu, ahrs, gnss, legacy)";
+        // The tracker count comes first: master:N[,OPT...]
+        setup.kind = Kind::Master;
+        const size_t comma = rest.find(',');
+        uint64_t count = 0;
+        if (colon == std::string::npos || !parseUnsigned(rest.substr(0, comma), 32, count) ||
+            count == 0) {
+            error = "the master kind needs its number of trackers, 1 to 32: master:N";
+            return false;
+        }
+        setup.trackers = static_cast<uint32_t>(count);
+        if (comma == std::string::npos)
+            return true;
+        start = comma + 1;
+    } else if (!parseKind(kindName, setup.kind)) {
+        error = "unknown device kind '" + kindName + "' (kinds: imu, ahrs, gnss, legacy, master:N)";
         return false;
     }
     if (colon == std::string::npos)
         return true;
 
-    std::string rest = text.substr(colon + 1);
-    size_t start = 0;
     while (start <= rest.size()) {
         size_t comma = rest.find(',', start);
         if (comma == std::string::npos)
@@ -92,6 +103,22 @@ bool parseDevice(const std::string& text, DeviceSetup& setup, std::string& error
                 return false;
             }
             setup.nmea = true;
+        } else if (key == "rate" && hasValue && setup.kind == Kind::Master) {
+            const auto& rates = masterRates();
+            if (!parseUnsigned(value, 2000, number) ||
+                std::find(rates.begin(), rates.end(), number) == rates.end()) {
+                error = "rate '" + value +
+                        "' is not an update rate of a master (40, 60, 80, "
+                        "100 or 120)";
+                return false;
+            }
+            setup.rate = static_cast<uint16_t>(number);
+        } else if ((key == "docked" || key == "reject") && hasValue && setup.kind == Kind::Master) {
+            if (!parseUnsigned(value, 32, number)) {
+                error = key + " needs a number of trackers, not '" + value + "'";
+                return false;
+            }
+            (key == "docked" ? setup.docked : setup.rejected) = static_cast<uint32_t>(number);
         } else if (key == "rate" && hasValue) {
             if (!parseUnsigned(value, 2000, number) ||
                 !info.supportsRate(NDI_ACCELERATION, static_cast<uint16_t>(number))) {
@@ -125,6 +152,11 @@ bool parseDevice(const std::string& text, DeviceSetup& setup, std::string& error
     }
     if (setup.measure && setup.wakeUp) {
         error = "options 'measure' and 'wakeup' exclude each other";
+        return false;
+    }
+    if (setup.docked + setup.rejected > setup.trackers) {
+        error = "docked and rejected trackers together exceed the " +
+                std::to_string(setup.trackers) + " trackers of '" + text + "'";
         return false;
     }
     return true;

@@ -24,6 +24,9 @@ struct DeviceSetup
     bool nmea = false;             // start with NMEA string output (gnss)
     uint16_t rate = 0;             // default output rate instead of the kind's 100 Hz
     std::optional<uint32_t> index; // serial index of the identifier
+    uint32_t trackers = 0;         // master: trackers behind it, 1..32
+    uint32_t docked = 0;           // master: the first ones sit in the dock
+    uint32_t rejected = 0;         // master: the last ones are refused when they call in
     FaultSettings faults;          // after parsing: the global settings with overrides
     std::optional<double> drop, corrupt, disconnectAfter; // per-device overrides
 };

@@ -20,21 +20,6 @@ constexpr size_t kTxBufferSize = 16 * 1024;
 // touching any sample time. Replies go out as soon as the request is read.
 constexpr int64_t kTxFrameNs = 2'000'000;
 
-const char* stateText(EmulatedDevice::State state)
-{
-    switch (state) {
-    case EmulatedDevice::State::Booting:
-        return "resetting";
-    case EmulatedDevice::State::WaitingForAck:
-        return "sent WakeUp";
-    case EmulatedDevice::State::Configuration:
-        return "configuration";
-    case EmulatedDevice::State::Measurement:
-        return "measurement";
-    }
-    return "?";
-}
-
 } // namespace
 
 int64_t PortRunner::monotonicNs()
@@ -44,7 +29,7 @@ int64_t PortRunner::monotonicNs()
     return int64_t(ts.tv_sec) * 1'000'000'000 + ts.tv_nsec;
 }
 
-PortRunner::PortRunner(std::unique_ptr<EmulatedDevice> device, const FaultSettings& faults,
+PortRunner::PortRunner(std::unique_ptr<PortDevice> device, const FaultSettings& faults,
                        uint64_t seed, Events events)
     : m_device(std::move(device)), m_faults(faults),
       m_faultRng(Rng::derive(seed, m_device->id().toInt() ^ 0xFA017ULL)),
@@ -80,7 +65,7 @@ bool PortRunner::start(int64_t originNs, std::string& error)
     if (m_faults.disconnectAfter >= 0)
         m_disconnectAt = originNs + int64_t(m_faults.disconnectAfter * 1e9);
     m_device->powerUp(originNs, *this);
-    m_lastState = m_device->state();
+    m_lastState = m_device->stateText();
     try {
         m_thread = std::thread(&PortRunner::run, this);
     } catch (const std::system_error& e) {
@@ -104,14 +89,14 @@ void PortRunner::stop()
 void PortRunner::log(const std::string& text)
 {
     if (m_events.log)
-        m_events.log(m_pty.slavePath() + " " + m_device->info().name + ": " + text);
+        m_events.log(m_pty.slavePath() + " " + m_device->kindName() + ": " + text);
 }
 
 void PortRunner::logStateChange()
 {
-    const EmulatedDevice::State state = m_device->state();
+    const std::string state = m_device->stateText();
     if (state != m_lastState)
-        log(stateText(state));
+        log(state);
     m_lastState = state;
 }
 
@@ -181,6 +166,19 @@ SampleFate PortRunner::sendData(const uint8_t* bytes, size_t size, bool isFrame)
     return SampleFate::Corrupted;
 }
 
+bool PortRunner::sendRetransmission(const uint8_t* bytes, size_t size)
+{
+    if (!m_pty.isOpen())
+        return true; // nobody will ever read it
+    if (m_out.size() - m_outHead + size > kTxBufferSize) {
+        flushOutput();
+        if (m_out.size() - m_outHead + size > kTxBufferSize)
+            return false;
+    }
+    m_out.insert(m_out.end(), bytes, bytes + size);
+    return true;
+}
+
 bool PortRunner::flushOutput()
 {
     while (m_outHead < m_out.size() && m_pty.isOpen()) {
@@ -225,8 +223,7 @@ void PortRunner::readInput(int64_t nowNs)
         const ssize_t n = read(m_pty.masterFd(), buf, sizeof buf);
         if (n > 0) {
             m_parser.feed(buf, size_t(n), [&](const NvFrameView& frame) {
-                if (m_device->addressedBy(frame.busId()))
-                    m_device->handleMessage(frame, nowNs, *this);
+                m_device->handleFrame(frame, nowNs, *this);
             });
             continue;
         }
@@ -238,8 +235,8 @@ void PortRunner::readInput(int64_t nowNs)
 
 void PortRunner::run()
 {
-    if (m_device->state() == EmulatedDevice::State::Measurement)
-        log("measurement");
+    if (m_lastState == "measurement")
+        log(m_lastState);
     for (;;) {
         const int64_t deadline = std::min(m_device->nextDeadline(), m_disconnectAt);
         armTimer(deadline == kNever ? kNever

@@ -17,9 +17,9 @@
 namespace kvsim {
 
 // One port and its thread: the pseudo-terminal, the frames coming in, the device's output
-// going out through a small transmit buffer, the link faults and the clock. The device on
-// the port is addressed with bus id 0xFF or its own bus id; a master with devices behind
-// it would route the other bus ids from here.
+// going out through a small transmit buffer, the link faults and the clock. Every frame
+// goes to the port's device, which answers the bus ids it has: a single device its own
+// and 0xFF, a master 0xFF and those of its connected trackers.
 class PortRunner : public LinkSink
 {
 public:
@@ -29,13 +29,13 @@ public:
         std::function<void(PortRunner&)> disconnected;    // port closed by a fault
     };
 
-    PortRunner(std::unique_ptr<EmulatedDevice> device, const FaultSettings& faults, uint64_t seed,
+    PortRunner(std::unique_ptr<PortDevice> device, const FaultSettings& faults, uint64_t seed,
                Events events);
     ~PortRunner() override;
 
     bool open(std::string& error);
     const std::string& port() const { return m_pty.slavePath(); }
-    EmulatedDevice& device() { return *m_device; }
+    PortDevice& device() { return *m_device; }
 
     // Powers the device up at `originNs` and starts the thread.
     bool start(int64_t originNs, std::string& error);
@@ -45,6 +45,7 @@ public:
 
     void sendControl(const NvMessage& message) override;
     SampleFate sendData(const uint8_t* bytes, size_t size, bool isFrame) override;
+    bool sendRetransmission(const uint8_t* bytes, size_t size) override;
 
     static int64_t monotonicNs();
 
@@ -56,7 +57,7 @@ private:
     void logStateChange();
     void log(const std::string& text);
 
-    std::unique_ptr<EmulatedDevice> m_device;
+    std::unique_ptr<PortDevice> m_device;
     FaultSettings m_faults;
     Rng m_faultRng;
     Events m_events;
@@ -68,7 +69,7 @@ private:
     int64_t m_armed = -1;
     int64_t m_disconnectAt = kNever;
     std::atomic<bool> m_disconnected{false};
-    EmulatedDevice::State m_lastState = EmulatedDevice::State::Configuration;
+    std::string m_lastState;
 
     // The transmit buffer: bytes the pseudo-terminal has not taken yet.
     std::vector<uint8_t> m_out;
