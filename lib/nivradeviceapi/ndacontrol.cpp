@@ -585,7 +585,11 @@ void Port::onDataPacket(NvDevice* dev, const NvFrameView& view)
     NvDataPacket packet = NvDataPacket::fromFrame(view.frame, view.size);
     if (packet.isEmpty())
         return;
-    if (packet.contains(NDI_PACKET_COUNTER)) {
+    // Packets outside measurement are retransmissions of a flush, in their own order.
+    const NvDeviceState state = dev->state;
+    const bool live = state == NDS_MEASUREMENT || state == NDS_RECORDING ||
+                      state == NDS_WAITING_FOR_RECORDING_START;
+    if (live && packet.contains(NDI_PACKET_COUNTER)) {
         const uint16_t counter = packet.packetCounter();
         if (dev->m_haveCounter && counter != uint16_t(dev->m_lastCounter + 1)) {
             const uint16_t first = uint16_t(dev->m_lastCounter + 1);

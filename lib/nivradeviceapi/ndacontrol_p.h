@@ -150,6 +150,7 @@ struct NvDevice
     // every tracker it has reported.
     KvwInfo kvw;
     bool transportMode = false;
+    int hostProfile = 1;
     // Stored by setSerialBaudRate; the port follows when the device resets.
     std::atomic<NvBaudRate> pendingBaudRate{NBR_INVALID};
     int radioChannel = 0;
@@ -228,6 +229,8 @@ struct NvControl
 
     int options() const { return m_options; }
     std::atomic<int> m_options{0};
+    std::mutex filterMutex;
+    NvFilterProfileArray hostProfiles; // empty: the built-in set
     std::atomic<unsigned> replyTimeout{1500};
     NvDevice broadcast;
 

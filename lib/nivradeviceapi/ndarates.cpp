@@ -2,6 +2,8 @@
 // at 400 Hz, the others at 2000 Hz; slow sensors and computed outputs have caps.
 #include "ndacontrol_p.h"
 
+#include <algorithm>
+
 namespace {
 
 std::vector<int> divisorsUpTo(int base, int cap)
@@ -77,7 +79,16 @@ void NvDevice_supportedUpdateRates(NvDevice* device, NvDataIdentifier id, NvIntA
         nda::setResult(NRV_INVALID_DEVICE);
         return;
     }
-    *out = ratesFor(device->id, id);
+    if (device->isMaster || device->master) {
+        // Over the radio every item comes at the master's update rate.
+        NvDevice* master = device->isMaster ? device : device->master;
+        if (device->isMaster || !ratesFor(device->id, id).empty()) {
+            std::lock_guard<std::mutex> lock(master->mutex);
+            *out = master->offeredRates;
+        }
+    } else {
+        *out = ratesFor(device->id, id);
+    }
     nda::setResult(NRV_OK);
 }
 
@@ -85,6 +96,13 @@ int NvDevice_maximumUpdateRate(NvDevice* device)
 {
     if (!device || device->isBroadcast)
         return 0;
+    if (device->isMaster || device->master) {
+        NvDevice* master = device->isMaster ? device : device->master;
+        std::lock_guard<std::mutex> lock(master->mutex);
+        return master->offeredRates.empty()
+                   ? 0
+                   : *std::max_element(master->offeredRates.begin(), master->offeredRates.end());
+    }
     return device->id.isLegacy() ? 400 : 2000;
 }
 

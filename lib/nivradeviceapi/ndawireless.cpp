@@ -225,12 +225,18 @@ void NvControl::trackerReported(NvDevice* master, const KvwInfo& reported)
         dev->busId = info.busId;
         dev->port = port;
         dev->kvw = info;
+        // A new tracker may have changed the rates the master offers.
+        NvMessage rate;
+        if (ask(port, NvMessage::BusIdDevice, NvMid::ReqUpdateRate, &rate, timeout) != NRV_OK)
+            rate = NvMessage();
         NvDevice* fresh = dev.release();
-        port->post([this, port, masterId, fresh] {
+        port->post([this, port, masterId, fresh, rate] {
             std::unique_ptr<NvDevice> owned(fresh);
             NvDevice* m = port->attached();
             if (!m || m->id != masterId || !m->isOpen)
                 return;
+            if (!rate.isEmpty())
+                nda::storeUpdateRate(m, rate);
             attachChild(m, std::move(owned), true);
         });
     });
@@ -252,11 +258,8 @@ void nda::Port::onMasterMessage(NvDevice* master, const NvFrameView& view)
                 continue;
             const int8_t rssi = int8_t(d[off + 1]);
             const uint8_t battery = d[off + 2];
-            bool rssiChanged, batteryChanged;
             {
                 std::lock_guard<std::mutex> lock(child->mutex);
-                rssiChanged = child->kvw.rssi != rssi;
-                batteryChanged = child->kvw.batteryLevel != battery;
                 child->kvw.rssi = rssi;
                 child->kvw.batteryLevel = battery;
             }
@@ -268,13 +271,13 @@ void nda::Port::onMasterMessage(NvDevice* master, const NvFrameView& view)
                         r.batteryLevel = battery;
                     }
             }
+            // Every report is passed on (about once a second): a display of the levels
+            // stays fresh without polling.
             m_control->dispatch([&](const NvCallbackPlainC* h) {
                 if (!h->onInfoResponse)
                     return;
-                if (rssiChanged)
-                    h->onInfoResponse(h->userData, child, NIR_SIGNAL_STRENGTH);
-                if (batteryChanged)
-                    h->onInfoResponse(h->userData, child, NIR_BATTERY_LEVEL);
+                h->onInfoResponse(h->userData, child, NIR_SIGNAL_STRENGTH);
+                h->onInfoResponse(h->userData, child, NIR_BATTERY_LEVEL);
             });
         }
         return;

@@ -68,7 +68,10 @@ int NvControl_isDeviceDocked(NvControl* control, const NvDeviceId* deviceId);
 void NvControl_dockDeviceId(NvControl* control, const NvDeviceId* deviceId, NvDeviceId* out);
 void NvControl_setOptions(NvControl* control, int enable, int disable);
 int NvControl_options(NvControl* control);
+// Host-side filter profiles: a file ("format=nvf 1", "profile=TYPE VERSION LABEL" lines)
+// replaces the built-in set; a bad file leaves the set in use.
 int NvControl_loadFilterProfiles(NvControl* control, const NvString* fileName);
+void NvControl_filterProfiles(NvControl* control, NvFilterProfileArray* out);
 int NvControl_startRestoreCommunication(NvControl* control, const NvString* portName);
 void NvControl_stopRestoreCommunication(NvControl* control);
 NvResultValue NvControl_lastResult(NvControl* control);
@@ -130,6 +133,9 @@ int NvDevice_availableFilterProfiles(NvDevice* device, NvFilterProfileArray* out
 // The selected filter profile type; -1 on failure.
 int NvDevice_filterProfile(NvDevice* device);
 int NvDevice_setFilterProfile(NvDevice* device, int type);
+// The host-side profile used for the device (one of NvControl_filterProfiles).
+int NvDevice_setHostFilterProfile(NvDevice* device, int type);
+int NvDevice_hostFilterProfile(NvDevice* device);
 // Asks a GNSS device for its satellites; reported to onInfoResponse(NIR_GNSS_STATUS) on
 // the calling thread, then kept for NvDevice_gnssStatus.
 int NvDevice_requestGnssStatus(NvDevice* device);

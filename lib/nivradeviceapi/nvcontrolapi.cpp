@@ -534,9 +534,15 @@ int NvControl_openPort_1(NvControl* control, NvPortInfo* portInfo, unsigned time
     return control->openPort(portInfo->portName, portInfo->baudRate, timeout, portInfo);
 }
 
-int NvControl_openImarPort_internal(NvControl*, const NvString*, NvBaudRate, int, unsigned)
+int NvControl_openImarPort_internal(NvControl* control, const NvString* portName, NvBaudRate, int,
+                                    unsigned)
 {
-    return fail(NRV_NOT_IMPLEMENTED);
+    if (!control || !portName)
+        return fail(NRV_INVALID_ARGUMENT);
+    // External iMAR units speak their own protocol; the library lists their identifiers
+    // (isImar) but does not talk to them.
+    nda::log(NDA_LOG_ALERT, ("iMAR port " + *portName + " not opened: not supported").c_str());
+    return fail(NRV_NOT_SUPPORTED);
 }
 
 int NvControl_openLogFile(NvControl*, const NvString*)
@@ -634,11 +640,6 @@ void NvControl_setOptions(NvControl* control, int enable, int disable)
 int NvControl_options(NvControl* control)
 {
     return control ? control->options() : 0;
-}
-
-int NvControl_loadFilterProfiles(NvControl*, const NvString*)
-{
-    return fail(NRV_NOT_IMPLEMENTED);
 }
 
 NvResultValue NvControl_lastResult(NvControl*)

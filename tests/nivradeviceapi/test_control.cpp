@@ -74,16 +74,41 @@ TEST_F(ControlTest, TerminateClosesEveryControl)
     EXPECT_EQ(recorder.states().back().newState, NDS_DESTRUCTING);
 }
 
-TEST_F(ControlTest, UnknownPortAndNotImplementedAnswerCleanly)
+TEST_F(ControlTest, UnknownPortsImarPortsAndProfileFilesAnswerCleanly)
 {
     NvString name = "/nonexistent/port";
     EXPECT_FALSE(NvControl_openPort(control, &name, NBR_115200, 0));
     EXPECT_EQ(NvControl_lastResult(control), NRV_PORT_OPEN_FAILED);
-    EXPECT_FALSE(NvControl_openLogFile(control, &name));
-    EXPECT_EQ(NvControl_lastResult(control), NRV_NOT_IMPLEMENTED);
+    EXPECT_FALSE(NvControl_openImarPort_internal(control, &name, NBR_115200, 0, 0));
+    EXPECT_EQ(NvControl_lastResult(control), NRV_NOT_SUPPORTED);
     EXPECT_FALSE(NvDevice_gotoMeasurement(nullptr));
     EXPECT_EQ(NvControl_lastResult(control), NRV_INVALID_DEVICE);
     EXPECT_STREQ(NvResultValue_toString(NRV_TIMEOUT), nvResultValueText(NRV_TIMEOUT));
+
+    // An alternative profile file replaces the built-in set; a bad one leaves it alone.
+    NvFilterProfileArray profiles;
+    NvControl_filterProfiles(control, &profiles);
+    ASSERT_FALSE(profiles.empty());
+    const std::string dir = kvtest::makeTempDir();
+    const NvString good = dir + "/alt.nvf", bad = dir + "/bad.nvf";
+    std::ofstream(good) << "# site profiles\nformat=nvf 1\nprofile=7 2 vehicle, rough road\n"
+                           "profile=8 1 rotor\n";
+    std::ofstream(bad) << "format=nvf 1\nprofile=9 x broken\n";
+    EXPECT_FALSE(NvControl_loadFilterProfiles(control, &bad));
+    EXPECT_EQ(NvControl_lastResult(control), NRV_CONFIG_FILE_INVALID);
+    ASSERT_TRUE(NvControl_loadFilterProfiles(control, &good));
+    NvControl_filterProfiles(control, &profiles);
+    ASSERT_EQ(profiles.size(), 2u);
+    EXPECT_EQ(profiles[0].type, 7);
+    EXPECT_EQ(profiles[0].version, 2);
+    EXPECT_EQ(profiles[0].label, "vehicle, rough road");
+    EXPECT_FALSE(NvControl_loadFilterProfiles(control, &bad));
+    NvControl_filterProfiles(control, &profiles);
+    EXPECT_EQ(profiles.size(), 2u);
+    const NvString missing = dir + "/missing.nvf";
+    EXPECT_FALSE(NvControl_loadFilterProfiles(control, &missing));
+    EXPECT_EQ(NvControl_lastResult(control), NRV_FILE_NOT_FOUND);
+    kvtest::removeTree(dir);
 }
 
 TEST_F(ControlTest, ChainedHandlersAreBothCalledAndRemovalIsFinal)
