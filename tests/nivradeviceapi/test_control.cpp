@@ -569,7 +569,7 @@ private:
 
 TEST_F(ControlTest, ScannerFindsAnnouncedAndExtraPorts)
 {
-    KvsimProcess sim({"--device", "imu", "--device", "legacy", "--quiet"});
+    KvsimProcess sim({"--device", "imu", "--device", "legacy:rs485", "--quiet"});
     ASSERT_TRUE(sim.started()) << sim.stderrText();
     KvsimProcess other({"--device", "gnss:index=3", "--quiet"});
     ASSERT_TRUE(other.started()) << other.stderrText();
@@ -581,13 +581,14 @@ TEST_F(ControlTest, ScannerFindsAnnouncedAndExtraPorts)
     NvScanner_setScanLogCallback(collectScanLog);
 
     NvPortInfoArray found;
-    NvScanner_scanPorts(&found, NBR_DETECT, 3000, 1, 0);
+    NvScanner_scanPorts(&found, NBR_DETECT, 3000, 1, 1);
     NvScanner_setScanLogCallback(nullptr);
     ASSERT_EQ(found.size(), 3u);
     std::map<std::string, std::string> byPort;
     for (const NvPortInfo& info : found) {
         EXPECT_NE(info.baudRate, NBR_DETECT);
         byPort[info.portName] = info.deviceId.toString();
+        EXPECT_EQ(info.isRs485, info.portName == sim.ports()[1].path) << info.portName;
     }
     EXPECT_EQ(byPort[sim.ports()[0].path], sim.ports()[0].id);
     EXPECT_EQ(byPort[sim.ports()[1].path], sim.ports()[1].id);
@@ -732,7 +733,7 @@ std::string settingsOf(const std::string& text)
 
 TEST_F(ControlTest, DeviceSettingsAreExchangedAndRefused)
 {
-    KvsimProcess sim({"--device", "ahrs", "--device", "gnss", "--quiet"});
+    KvsimProcess sim({"--device", "ahrs:rs485", "--device", "gnss", "--quiet"});
     ASSERT_TRUE(sim.started()) << sim.stderrText();
     NvDevice* dev = open(sim.ports()[0]);
     NvDevice* gnss = open(sim.ports()[1]);
@@ -752,6 +753,8 @@ TEST_F(ControlTest, DeviceSettingsAreExchangedAndRefused)
 
     EXPECT_TRUE(NvDevice_setRs485TransmissionDelay(dev, 1234));
     EXPECT_EQ(NvDevice_rs485TransmissionDelay(dev), 1234);
+    EXPECT_EQ(NvDevice_rs485TransmissionDelay(gnss), -1); // no RS-485 interface
+    EXPECT_EQ(NvControl_lastResult(control), NRV_INVALID_MESSAGE);
 
     EXPECT_TRUE(NvDevice_setNoRotation(dev, 5));
     EXPECT_FALSE(NvDevice_setNoRotation(dev, 0));
@@ -827,7 +830,7 @@ TEST_F(ControlTest, DeviceSettingsAreExchangedAndRefused)
 
 TEST_F(ControlTest, SettingsFileMovesTheSettingsToAnotherDevice)
 {
-    KvsimProcess sim({"--device", "ahrs", "--device", "ahrs", "--quiet"});
+    KvsimProcess sim({"--device", "ahrs:rs485", "--device", "ahrs:rs485", "--quiet"});
     ASSERT_TRUE(sim.started()) << sim.stderrText();
     NvDevice* a = open(sim.ports()[0]);
     NvDevice* b = open(sim.ports()[1]);

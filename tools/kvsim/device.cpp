@@ -982,6 +982,9 @@ void EmulatedDevice::handleConfigurationMessage(const NvFrameView& frame, int64_
         u16reply(NvMid::ErrorMode, m_config.errorMode);
         return;
     case NvMid::ReqTransmitDelay:
+        // Only an RS-485 interface waits before it answers; RS-232 and USB do not know it.
+        if (!m_setup.rs485)
+            return error(bus, NRV_INVALID_MESSAGE, link);
         if (n == 2)
             m_config.transmitDelay = nvbe::readU16(d);
         else if (n != 0)

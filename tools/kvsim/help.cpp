@@ -33,6 +33,7 @@ Kinds:
 Device options (after the colon, separated by commas):
   measure        start measuring at once, like a device whose WakeUp went unanswered
   wakeup         power up with a WakeUp; measure unless the host answers within 500 ms
+  rs485          an RS-485 interface: answers Req/SetTransmitDelay (else Error 4)
   rate=N         default output rate of the 100 Hz items (where the item supports N)
   nmea           (gnss) start with NMEA string output
   index=N        serial index of the identifier (default: 0, 1, ... per kind)

@@ -97,6 +97,8 @@ bool parseDevice(const std::string& text, DeviceSetup& setup, std::string& error
             setup.measure = true;
         } else if (key == "wakeup" && !hasValue) {
             setup.wakeUp = true;
+        } else if (key == "rs485" && !hasValue) {
+            setup.rs485 = true;
         } else if (key == "nmea" && !hasValue) {
             if (!info.hasGnss) {
                 error = "option 'nmea' needs the gnss kind";

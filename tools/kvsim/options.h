@@ -21,6 +21,7 @@ struct DeviceSetup
     Kind kind = Kind::Imu;
     bool measure = false;          // start measuring at once
     bool wakeUp = false;           // power up with a WakeUp like after a reset
+    bool rs485 = false;            // on an RS-485 interface: has a transmission delay
     bool nmea = false;             // start with NMEA string output (gnss)
     uint16_t rate = 0;             // default output rate instead of the kind's 100 Hz
     std::optional<uint32_t> index; // serial index of the identifier
