@@ -56,7 +56,8 @@ struct LogWriterOptions
     uint64_t splitBytes = 0; // start a new part before one grows past this (0: never)
     uint64_t splitMs = 0;    // start a new part when one is this old (0: never)
     unsigned syncMs = 1000;  // write and fdatasync at least this often
-    size_t maxBufferBytes = size_t(256) << 20; // frames beyond this wait are dropped, counted
+    // A disk slower than the data for long: frames that would buffer more are dropped.
+    size_t maxBufferBytes = size_t(256) << 20;
 };
 
 // Writes one recording. append() is cheap and may be called from any thread: the frame
@@ -110,7 +111,6 @@ private:
     bool openPart(unsigned part);
     bool finishPart(bool continues);
     void fail(int err);
-    void putFileFrame(std::vector<uint8_t>& out, uint8_t mid, const uint8_t* data, size_t size);
     void putTimeMarkLocked(uint64_t nowMono);
 
     mutable std::mutex m_mutex;
