@@ -290,6 +290,20 @@ inline unsigned timeoutOf(NvDevice* dev, unsigned timeout)
     return timeout ? timeout : dev->control->replyTimeout.load();
 }
 
+// Holds a reference for the length of a call whose own effect may close the device (a
+// tracker switched off disconnects while the call still uses it).
+class DeviceRef
+{
+public:
+    explicit DeviceRef(NvDevice* device) : m_device(device) { NvDevice_addRef(m_device); }
+    ~DeviceRef() { NvDevice_removeRef(m_device); }
+    DeviceRef(const DeviceRef&) = delete;
+    DeviceRef& operator=(const DeviceRef&) = delete;
+
+private:
+    NvDevice* m_device;
+};
+
 // Request `mid` and wait for mid + 1 (or an Error).
 inline NvResultValue request(NvDevice* dev, uint8_t mid, const NvByteArray& data, NvMessage* reply,
                              unsigned timeout = 0)

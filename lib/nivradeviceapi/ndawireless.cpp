@@ -526,6 +526,7 @@ int NvDevice_setTransportMode(NvDevice* device, int enable)
         return fail(NRV_NOT_SUPPORTED); // a tracker wakes up in its dock, not by command
     if (!usable(device->master))
         return 0;
+    nda::DeviceRef hold(device);
     if (!trackerCommand(device->master, device->id, NvTrackerCommand::TransportMode))
         return 0;
     std::lock_guard<std::mutex> lock(device->mutex);
@@ -549,6 +550,7 @@ int NvDevice_requestBatteryLevel(NvDevice* device)
     if (!device->master)
         return fail(NRV_NOT_SUPPORTED);
     // The master reports battery levels by itself; a request refreshes them at once.
+    nda::DeviceRef hold(device);
     if (!NvDevice_requestTrackerList(device->master))
         return 0;
     {

@@ -125,6 +125,7 @@ TEST_F(ControlTest, NmeaOutputOfAGnssDeviceArrivesAsDetectedSentences)
     }
     EXPECT_TRUE(sawGga);
     EXPECT_EQ(recorder.total(), 0u); // no data packets while the string output runs
+    NvControl_close(control);
 }
 
 TEST_F(ControlTest, SilenceWhileMeasuringIsReportedOnceAsDataUnavailable)
@@ -169,4 +170,5 @@ TEST_F(ControlTest, EverySupportedSyncSettingIsAcceptedByTheDevice)
                         [](const NvSyncSetting& s) { return s.function == NSF_TIME_PULSE; });
         EXPECT_EQ(timePulse, port.kind == "gnss");
     }
+    NvControl_close(control);
 }
