@@ -493,6 +493,8 @@ void Port::onFrame(const NvFrameView& view)
     const bool masterPort = m_masterPort.load();
     if (masterPort && bus != NvMessage::BusIdDevice)
         dev = portDevice ? portDevice->child(bus) : nullptr;
+    if (dev)
+        recordFrame(dev, view);
     // The state follows the device's acknowledgements, here on the reader thread, before
     // the waiting request returns and before the packets that follow.
     if (dev && mid == NvMid::GoToMeasurementAck)
@@ -603,6 +605,10 @@ void Port::onDataPacket(NvDevice* dev, const NvFrameView& view)
         dev->m_haveCounter = true;
         dev->m_lastCounter = counter;
     }
+    if (dev->awaitingFirstPacket.exchange(false))
+        m_control->changeState(dev, NDS_RECORDING);
+    if (dev->master && dev->master->awaitingFirstPacket.exchange(false))
+        m_control->changeState(dev->master, NDS_RECORDING);
     dev->m_lastPacketNs = monotonicNs();
     if (packet.contains(NDI_SAMPLE_TIME_FINE))
         dev->m_lastSampleTime = packet.sampleTimeFine();

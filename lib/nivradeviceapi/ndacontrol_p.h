@@ -2,6 +2,7 @@
 // Internals of the control, its devices and their ports.
 
 #include "ndadetector.h"
+#include "ndalogfile.h"
 #include "nvcontrol.h"
 #include "nvframeparser.h"
 #include "nvkvwinfo.h"
@@ -22,6 +23,7 @@
 namespace nda {
 
 using Control = ::NvControl;
+class FileSource;
 
 void setResult(NvResultValue value);
 NvResultValue lastResult();
@@ -84,6 +86,7 @@ private:
     void onDataPacket(NvDevice* dev, const NvFrameView& view);
     void onMasterMessage(NvDevice* master, const NvFrameView& view);
     void enterMode(NvDevice* dev, NvDeviceState state);
+    void onFlushDone(NvDevice* master);
     void onSkipped(const uint8_t* bytes, size_t count);
     void reportDetected(NvProtocolType type, const NvByteArray& bytes);
     void checkDataFlow();
@@ -159,6 +162,23 @@ struct NvDevice
     std::vector<int> offeredRates;
     std::vector<KvwInfo> trackers;
 
+    int filterProfile = -1; // as read when opened; -1 unknown
+
+    // Recording: the file a port device (and a master's trackers) is written to. The
+    // reader appends every frame of the device while `recording` is set.
+    std::mutex recMutex;
+    std::shared_ptr<nda::LogWriter> logWriter;
+    uint8_t logBusId = 0;
+    bool recording = false;
+    std::string logFileName;
+    std::atomic<bool> awaitingFirstPacket{false};
+    std::atomic<bool> flushing{false};
+
+    // A device read from a recording.
+    bool isFile = false;
+    std::shared_ptr<nda::FileSource> file;
+    size_t fileDevice = 0; // index in the file's device list
+
     // A master's children by bus id: written under the control's lock and this one,
     // read by the reader under this one.
     std::mutex childMutex;
@@ -223,12 +243,19 @@ struct NvControl
     // Runs `task` on the control's worker thread (requests that a reader cannot make).
     void runInBackground(std::function<void()> task);
 
+    // Opens a recording as file devices.
+    bool openFile(const NvString& path);
+    // Looks a device up and takes a reference under the lock that destruction needs.
+    NvDevice* findAndRef(const NvDeviceId& id);
+
     // Regaining a device that does not answer at its port (see the C function).
     bool startRestore(const NvString& portName);
     void stopRestore();
 
     int options() const { return m_options; }
     std::atomic<int> m_options{0};
+    std::atomic<uint64_t> logSplitBytes{0};
+    std::atomic<uint64_t> logSplitMs{0};
     std::mutex filterMutex;
     NvFilterProfileArray hostProfiles; // empty: the built-in set
     std::atomic<unsigned> replyTimeout{1500};
@@ -275,10 +302,11 @@ inline bool done(NvResultValue rc)
     return rc == NRV_OK;
 }
 
-// A device handle usable for a port request: non-null, not the broadcast, still open.
+// A device handle usable for a port request: non-null, not the broadcast nor a file,
+// still open.
 inline bool usable(NvDevice* dev)
 {
-    if (!dev || dev->isBroadcast)
+    if (!dev || dev->isBroadcast || dev->isFile)
         return fail(dev ? NRV_NOT_SUPPORTED : NRV_INVALID_DEVICE);
     if (!dev->isOpen)
         return fail(NRV_PORT_NOT_OPEN);
@@ -333,6 +361,17 @@ void copyCached(NvDevice* dev, T* out, T NvDevice::*field)
     std::lock_guard<std::mutex> lock(dev->mutex);
     *out = dev->*field;
 }
+
+// The replies that describe `dev` in a recording, rebuilt from what it reported.
+std::vector<NvMessage> describeForLog(NvDevice* dev);
+// A file device is closed: loading stops when no other device of the file is left.
+void fileDeviceClosing(NvDevice* dev);
+// Closes the recording of a device that goes away; the file stays valid.
+void closeRecording(NvDevice* dev);
+// Appends a frame of `dev` to its recording, if it is being recorded (reader thread).
+void recordFrame(NvDevice* dev, const NvFrameView& view);
+// Adds a tracker that connected while its master records.
+void recordNewChild(NvDevice* master, NvDevice* child);
 
 // One setting per line and function a device of this family accepts (polarity rising,
 // other fields at their defaults); the lines come from the family, not the device.

@@ -72,6 +72,8 @@ std::unique_ptr<NvDevice> NvControl::identify(const std::shared_ptr<nda::Port>& 
         nvSyncSettingsFromWire(reply.data(), reply.dataSize(), dev->syncSettings);
     if (ask(port, bus, NvMid::ReqLocationId, &reply, t) == NRV_OK && reply.dataSize() >= 2)
         dev->locationId = reply.readU16(0);
+    if (ask(port, bus, NvMid::ReqFilterProfile, &reply, t) == NRV_OK && reply.dataSize() >= 2)
+        dev->filterProfile = reply.readU16(0);
     if (rc)
         *rc = NRV_OK;
     return dev;
@@ -148,6 +150,7 @@ bool NvControl::attachChild(NvDevice* master, std::unique_ptr<NvDevice> child, b
         std::lock_guard<std::mutex> lock(raw->mutex);
         state = raw->kvw.state;
     }
+    nda::recordNewChild(master, raw);
     const bool measuring = master->state == NDS_MEASUREMENT && state == NCS_WIRELESS;
     if (measuring)
         raw->m_lastPacketNs = nda::monotonicNs();
@@ -291,6 +294,8 @@ void nda::Port::onMasterMessage(NvDevice* master, const NvFrameView& view)
             if (h->onProgressUpdated)
                 h->onProgressUpdated(h->userData, master, doneCount, total, &flushing);
         });
+        if (doneCount >= total)
+            onFlushDone(master);
         return;
     }
     default:

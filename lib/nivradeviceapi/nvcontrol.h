@@ -26,6 +26,7 @@ struct NvFilterProfileInfo
     NvString label;
 };
 typedef std::vector<NvFilterProfileInfo> NvFilterProfileArray;
+typedef std::vector<NvString> NvStringArray;
 
 extern "C" {
 
@@ -49,6 +50,9 @@ int NvControl_openPort(NvControl* control, const NvString* portName, NvBaudRate 
 int NvControl_openPort_1(NvControl* control, NvPortInfo* portInfo, unsigned timeout);
 int NvControl_openImarPort_internal(NvControl* control, const NvString* portName,
                                     NvBaudRate baudRate, int channel, unsigned timeout);
+// Opens a recording (kvb, bin, nm; the first part of a split one) as one file device per
+// device it describes; NRV_PORT_IN_USE when one of them is open already. Then load it
+// (NvDevice_loadLogFile) to read its packets.
 int NvControl_openLogFile(NvControl* control, const NvString* fileName);
 int NvControl_closePort(NvControl* control, const NvString* portName);
 int NvControl_closePort_1(NvControl* control, const NvDeviceId* deviceId);
@@ -92,7 +96,6 @@ NvConnectivityState NvDevice_connectivityState(NvDevice* device);
 int NvDevice_isMeasuring(NvDevice* device);
 int NvDevice_isInConfigMode(NvDevice* device);
 int NvDevice_isRecording(NvDevice* device);
-int NvDevice_isReadingFromFile(NvDevice* device);
 int NvDevice_isMasterDevice(NvDevice* device);
 int NvDevice_gotoConfig(NvDevice* device);
 int NvDevice_gotoMeasurement(NvDevice* device);
@@ -174,8 +177,42 @@ int NvDevice_isInTransportMode(NvDevice* device);
 int NvDevice_requestBatteryLevel(NvDevice* device);
 int NvDevice_batteryLevel(NvDevice* device);  // %, -1 unknown
 int NvDevice_lastKnownRssi(NvDevice* device); // dBm, -128 unknown
+// ---- Recording (".kvb", docs/kvb-format.md; a master records its trackers with it)
+// Log files created from now on start a new part ("rec-002.kvb", ...) before one grows
+// past `maxBytes` or lasts `maxMs`; 0 and 0: one file.
+void NvControl_setLogFileSplit(NvControl* control, uint64_t maxBytes, uint64_t maxMs);
+// Creates the file and describes the device in it; NRV_LOG_FILE_ALREADY_OPEN if it has one.
+int NvDevice_createLogFile(NvDevice* device, const NvString* fileName);
+// Closes a file that is not being recorded to (after stopRecording it is closed already).
+int NvDevice_closeLogFile(NvDevice* device);
+void NvDevice_logFileName(NvDevice* device, NvString* out);
+// Puts the device into measurement if needed; WaitingForRecordingStart until its first
+// packet, then Recording. A write error (disk full) ends the recording with onError.
 int NvDevice_startRecording(NvDevice* device);
+// Flushing, then the file is closed and the device measures again. A master stops its
+// trackers for the retransmission of what it missed; that goes on after the call returns
+// (onProgressUpdated "Flushing") and ends back in measurement.
 int NvDevice_stopRecording(NvDevice* device);
+int NvDevice_abortFlushing(NvDevice* device);
+
+// ---- Devices read from recordings (NvControl_openLogFile)
+int NvDevice_isReadingFromFile(NvDevice* device);
+void NvDevice_fileName(NvDevice* device, NvString* out); // the first part
+// Every part of a split recording, in order (the file alone otherwise).
+void NvDevice_logFileParts(NvDevice* device, NvStringArray* out);
+// A file device: the bytes of all its parts; a recording device: bytes written so far.
+uint64_t NvDevice_logFileSize(NvDevice* device);
+// Loads the file (every part, every device of it) on a thread of its own:
+// onProgressUpdated(device, percent, 100, "Loading") to each device that asked, 100 of
+// 100 when done; onError(device, result) when it cannot be read.
+int NvDevice_loadLogFile(NvDevice* device);
+int NvDevice_abortLoadFile(NvDevice* device);
+int NvDevice_isFileLoaded(NvDevice* device);
+// The device's packet queue (after loading).
+int64_t NvDevice_packetCount(NvDevice* device);
+int NvDevice_dataPacketByIndex(NvDevice* device, int64_t index, NvDataPacket* out);
+// Bytes between frames the reader skipped (garbage), over all parts.
+uint64_t NvDevice_fileSkippedBytes(NvDevice* device);
 // Frames of this device's port dropped for a bad checksum.
 uint64_t NvDevice_checksumErrors(NvDevice* device);
 

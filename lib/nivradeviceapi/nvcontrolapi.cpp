@@ -177,6 +177,7 @@ void destroyDevice(NvControl* control, std::unique_ptr<NvDevice> dev)
 
 void NvControl::deviceLost(NvDevice* dev)
 {
+    nda::closeRecording(dev);
     if (dev->isMaster)
         for (NvDevice* child : childrenOf(dev))
             closeChild(child, false);
@@ -256,9 +257,26 @@ bool NvControl::closeDevice(NvDevice* dev)
             return fail(NRV_INVALID_DEVICE);
         owned = std::move(it->second);
         m_devices.erase(it);
+        if (dev->isFile)
+            dev->isOpen = false;
+    }
+    if (dev->isFile) {
+        nda::fileDeviceClosing(dev);
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (dev->refs > 0) {
+                m_closed.push_back(std::move(owned));
+                setResult(NRV_OK);
+                return true;
+            }
+        }
+        destroyDevice(this, std::move(owned));
+        setResult(NRV_OK);
+        return true;
     }
     dev->port->attach(nullptr);
     dev->port->shutdown();
+    nda::closeRecording(dev); // what was recorded stays a valid file
     if (dev->isMaster)
         for (NvDevice* child : childrenOf(dev))
             closeChild(child, true);
@@ -296,7 +314,7 @@ NvDevice* NvControl::findByPort(const NvString& name)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     for (auto& entry : m_devices)
-        if (!entry.second->master && entry.second->port->name() == name)
+        if (!entry.second->master && entry.second->port && entry.second->port->name() == name)
             return entry.second.get();
     return nullptr;
 }
@@ -366,7 +384,7 @@ bool NvControl::openPort(const NvString& name, NvBaudRate baudRate, unsigned tim
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         for (auto& entry : m_devices)
-            if (entry.second->port->name() == name)
+            if (entry.second->port && entry.second->port->name() == name)
                 return fail(NRV_PORT_IN_USE);
         if (!m_opening.insert(name).second)
             return fail(NRV_PORT_IN_USE);
@@ -545,11 +563,6 @@ int NvControl_openImarPort_internal(NvControl* control, const NvString* portName
     return fail(NRV_NOT_SUPPORTED);
 }
 
-int NvControl_openLogFile(NvControl*, const NvString*)
-{
-    return fail(NRV_NOT_IMPLEMENTED);
-}
-
 int NvControl_closePort(NvControl* control, const NvString* portName)
 {
     if (!control || !portName)
@@ -719,6 +732,8 @@ NvConnectivityState NvDevice_connectivityState(NvDevice* device)
         return NCS_UNKNOWN;
     if (!device->isOpen)
         return NCS_DISCONNECTED;
+    if (device->isFile)
+        return NCS_FILE;
     if (device->master) {
         std::lock_guard<std::mutex> lock(device->mutex);
         return device->kvw.state;
@@ -734,16 +749,6 @@ int NvDevice_isMeasuring(NvDevice* device)
 int NvDevice_isInConfigMode(NvDevice* device)
 {
     return device && device->state == NDS_CONFIGURATION;
-}
-
-int NvDevice_isRecording(NvDevice*)
-{
-    return 0;
-}
-
-int NvDevice_isReadingFromFile(NvDevice*)
-{
-    return 0;
 }
 
 namespace {
@@ -927,16 +932,6 @@ int NvDevice_sendCustomMessage(NvDevice* device, const NvMessage* message, int w
 int NvDevice_sendRawMessage(NvDevice* device, const NvMessage* message)
 {
     return NvDevice_sendCustomMessage(device, message, 0, nullptr, 0);
-}
-
-int NvDevice_startRecording(NvDevice*)
-{
-    return fail(NRV_NOT_IMPLEMENTED);
-}
-
-int NvDevice_stopRecording(NvDevice*)
-{
-    return fail(NRV_NOT_IMPLEMENTED);
 }
 
 uint64_t NvDevice_checksumErrors(NvDevice* device)

@@ -8,8 +8,10 @@
 
 #include <atomic>
 #include <chrono>
+#include <fstream>
 #include <map>
 #include <mutex>
+#include <set>
 #include <thread>
 #include <vector>
 

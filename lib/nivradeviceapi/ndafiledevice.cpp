@@ -1,0 +1,383 @@
+// Recordings opened as devices: one file device per device a kvb describes (one for a bin
+// or nm file). A split recording opens from its first part and loads its parts in order
+// as one. Loading runs on a thread of the file's own; packets are served by index from
+// the readers' buffers.
+
+#include "ndacontrol_p.h"
+#include "nivradeviceapi.h"
+
+#include <fstream>
+
+using nda::done;
+using nda::fail;
+using nda::setResult;
+
+namespace nda {
+
+class FileSource
+{
+public:
+    explicit FileSource(NvControl* control) : m_control(control) {}
+    ~FileSource()
+    {
+        abort = true;
+        if (m_loader.joinable()) {
+            // The loader may hold the last reference itself: then it only returns.
+            if (m_loader.get_id() == std::this_thread::get_id())
+                m_loader.detach();
+            else
+                m_loader.join();
+        }
+    }
+
+    std::vector<std::string> parts; // the first and every following part, in order
+    std::vector<LogReader::Device> devices;
+    uint64_t totalBytes = 0;
+    std::atomic<bool> abort{false};
+
+    enum State
+    {
+        Idle,
+        Loading,
+        Loaded,
+        Failed
+    };
+    std::atomic<int> state{Idle};
+
+    // Starts the loader unless it runs or ran; false when it cannot start.
+    bool startLoading(const std::shared_ptr<FileSource>& self, const NvDeviceId& requester);
+    size_t packetCount(size_t device) const;
+    NvDataPacket packet(size_t device, size_t index) const;
+    uint64_t skippedBytes() const;
+
+private:
+    struct Located
+    {
+        std::vector<int> indexInPart; // the device's index in each part (-1: not in it)
+        std::vector<size_t> start;    // its packets before each part
+        size_t total = 0;
+    };
+    void load(std::shared_ptr<FileSource> self);
+    void report(int current, int total, NvResultValue error);
+
+    NvControl* m_control;
+    std::thread m_loader;
+    std::mutex m_mutex; // guards the requesters
+    std::vector<NvDeviceId> m_requesters;
+    // Written by the loader before state becomes Loaded, read only after.
+    std::vector<std::unique_ptr<LogReader>> m_readers;
+    std::vector<Located> m_located;
+};
+
+bool FileSource::startLoading(const std::shared_ptr<FileSource>& self, const NvDeviceId& requester)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (std::find(m_requesters.begin(), m_requesters.end(), requester) == m_requesters.end())
+            m_requesters.push_back(requester);
+    }
+    int expected = Idle;
+    if (!state.compare_exchange_strong(expected, Loading)) {
+        if (expected == Loaded) // loaded before: tell the new asker at once
+            report(100, 100, NRV_OK);
+        return expected != Failed;
+    }
+    m_loader = std::thread([this, self] { load(self); });
+    return true;
+}
+
+void FileSource::report(int current, int total, NvResultValue error)
+{
+    static const NvString loading = "Loading";
+    std::vector<NvDeviceId> requesters;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        requesters = m_requesters;
+    }
+    for (const NvDeviceId& id : requesters) {
+        NvDevice* dev = m_control->findAndRef(id);
+        if (!dev)
+            continue;
+        m_control->dispatch([&](const NvCallbackPlainC* h) {
+            if (error != NRV_OK) {
+                if (h->onError)
+                    h->onError(h->userData, dev, error);
+            } else if (h->onProgressUpdated) {
+                h->onProgressUpdated(h->userData, dev, current, total, &loading);
+            }
+        });
+        NvDevice_removeRef(dev);
+    }
+}
+
+void FileSource::load(std::shared_ptr<FileSource> self)
+{
+    (void)self; // keeps the source while loading
+    uint64_t before = 0;
+    int lastPercent = -1;
+    NvResultValue rc = NRV_OK;
+    std::vector<std::unique_ptr<LogReader>> readers;
+    report(0, 100, NRV_OK);
+    for (const std::string& part : parts) {
+        auto reader = std::make_unique<LogReader>();
+        rc = reader->open(part);
+        if (rc == NRV_OK)
+            rc = reader->load(
+                [&](uint64_t doneBytes, uint64_t) {
+                    const int percent =
+                        totalBytes ? int((before + doneBytes) * 100 / totalBytes) : 100;
+                    if (percent != lastPercent && percent < 100) {
+                        lastPercent = percent;
+                        report(percent, 100, NRV_OK);
+                    }
+                },
+                &abort);
+        if (rc != NRV_OK)
+            break;
+        before += reader->fileSize();
+        readers.push_back(std::move(reader));
+    }
+    if (rc != NRV_OK && !readers.empty() && rc != NRV_ABORTED)
+        rc = NRV_OK; // a later part that went missing: keep the parts that loaded
+    if (rc != NRV_OK) {
+        state = Failed;
+        if (rc != NRV_ABORTED)
+            report(0, 0, rc);
+        return;
+    }
+    std::vector<Located> located(devices.size());
+    for (size_t d = 0; d < devices.size(); ++d) {
+        size_t total = 0;
+        for (const auto& reader : readers) {
+            int index = -1;
+            const auto& inPart = reader->devices();
+            for (size_t i = 0; i < inPart.size(); ++i)
+                if (inPart[i].id == devices[d].id)
+                    index = int(i);
+            located[d].indexInPart.push_back(index);
+            located[d].start.push_back(total);
+            if (index >= 0)
+                total += reader->packetCount(size_t(index));
+        }
+        located[d].total = total;
+    }
+    m_readers = std::move(readers);
+    m_located = std::move(located);
+    state = Loaded;
+    report(100, 100, NRV_OK);
+}
+
+size_t FileSource::packetCount(size_t device) const
+{
+    if (state != Loaded || device >= m_located.size())
+        return 0;
+    return m_located[device].total;
+}
+
+NvDataPacket FileSource::packet(size_t device, size_t index) const
+{
+    if (state != Loaded || device >= m_located.size() || index >= m_located[device].total)
+        return NvDataPacket();
+    const Located& l = m_located[device];
+    // The last part that starts at or before the index.
+    size_t part = std::upper_bound(l.start.begin(), l.start.end(), index) - l.start.begin() - 1;
+    while (l.indexInPart[part] < 0 ||
+           index - l.start[part] >= m_readers[part]->packetCount(size_t(l.indexInPart[part])))
+        ++part;
+    return m_readers[part]->packet(size_t(l.indexInPart[part]), index - l.start[part]);
+}
+
+uint64_t FileSource::skippedBytes() const
+{
+    uint64_t n = 0;
+    if (state == Loaded)
+        for (const auto& r : m_readers)
+            n += r->skippedBytes();
+    return n;
+}
+
+} // namespace nda
+
+void nda::fileDeviceClosing(NvDevice* dev)
+{
+    bool others = false;
+    for (NvDevice* d : dev->control->mainDevices())
+        others = others || (d != dev && d->file == dev->file);
+    if (!others)
+        dev->file->abort = true;
+}
+
+NvDevice* NvControl::findAndRef(const NvDeviceId& id)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto it = m_devices.find(id);
+    if (it == m_devices.end())
+        return nullptr;
+    ++it->second->refs;
+    return it->second.get();
+}
+
+bool NvControl::openFile(const NvString& path)
+{
+    // The devices are described at the start of a file: a look at its head names them
+    // without reading it all.
+    nda::LogReader probe;
+    NvResultValue rc = probe.open(path);
+    if (rc != NRV_OK)
+        return fail(rc);
+    constexpr size_t HeadBytes = size_t(4) << 20;
+    std::vector<uint8_t> head(size_t(std::min<uint64_t>(probe.fileSize(), HeadBytes)));
+    {
+        std::ifstream in(path, std::ios::binary);
+        if (!in.read(reinterpret_cast<char*>(head.data()), std::streamsize(head.size())))
+            return fail(NRV_FILE_READ_ERROR);
+    }
+    nda::LogReader headReader;
+    rc = headReader.openMemory(head.data(), head.size());
+    if (rc == NRV_OK)
+        rc = headReader.load();
+    if (rc != NRV_OK)
+        return fail(rc);
+    if (headReader.devices().empty())
+        return fail(NRV_NO_DEVICE_FOUND);
+
+    auto source = std::make_shared<nda::FileSource>(this);
+    source->parts.push_back(path);
+    // The first part stands for the whole recording; a later one opened by itself plays
+    // alone.
+    if (probe.type() == nda::LogReader::Type::Kvb && probe.header().part <= 1)
+        for (const std::string& part : probe.followingParts())
+            source->parts.push_back(part);
+    for (const std::string& part : source->parts) {
+        nda::LogReader r;
+        if (r.open(part) == NRV_OK)
+            source->totalBytes += r.fileSize();
+    }
+    source->devices = headReader.devices();
+
+    std::vector<std::unique_ptr<NvDevice>> made;
+    for (size_t i = 0; i < source->devices.size(); ++i) {
+        const auto& d = source->devices[i];
+        auto dev = std::make_unique<NvDevice>();
+        dev->control = this;
+        dev->isFile = true;
+        dev->file = source;
+        dev->fileDevice = i;
+        dev->id = d.id;
+        dev->productCode = d.productCode.empty() ? d.id.productCode() : d.productCode;
+        dev->firmware = d.firmware;
+        dev->hardware = d.hardware;
+        dev->outputConfiguration = d.outputConfiguration;
+        dev->syncSettings = d.syncSettings;
+        dev->locationId = std::max(d.locationId, 0);
+        dev->filterProfile = d.filterProfile;
+        dev->logFileName = path;
+        made.push_back(std::move(dev));
+    }
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        for (const auto& dev : made)
+            if (m_devices.count(dev->id))
+                return fail(NRV_PORT_IN_USE); // that device is open already
+        for (auto& dev : made)
+            m_devices.emplace(dev->id, std::move(dev));
+    }
+    nda::log(NDA_LOG_DEBUG, ("Opened recording " + path).c_str());
+    setResult(NRV_OK);
+    return true;
+}
+
+extern "C" {
+
+int NvControl_openLogFile(NvControl* control, const NvString* fileName)
+{
+    if (!control || !fileName || fileName->empty())
+        return fail(NRV_INVALID_ARGUMENT);
+    return control->openFile(*fileName);
+}
+
+int NvDevice_isReadingFromFile(NvDevice* device)
+{
+    return device && device->isFile;
+}
+
+void NvDevice_fileName(NvDevice* device, NvString* out)
+{
+    if (!out)
+        return;
+    out->clear();
+    if (device && device->isFile)
+        *out = device->file->parts.front();
+}
+
+void NvDevice_logFileParts(NvDevice* device, NvStringArray* out)
+{
+    if (!out)
+        return;
+    out->clear();
+    if (device && device->isFile)
+        *out = device->file->parts;
+}
+
+uint64_t NvDevice_logFileSize(NvDevice* device)
+{
+    if (!device)
+        return 0;
+    if (device->isFile)
+        return device->file->totalBytes;
+    std::lock_guard<std::mutex> lock(device->recMutex);
+    return device->logWriter ? device->logWriter->bytesWritten() : 0;
+}
+
+int NvDevice_loadLogFile(NvDevice* device)
+{
+    if (!device || !device->isFile)
+        return fail(device ? NRV_NOT_SUPPORTED : NRV_INVALID_DEVICE);
+    if (!device->file->startLoading(device->file, device->id))
+        return fail(NRV_FILE_DAMAGED);
+    setResult(NRV_OK);
+    return 1;
+}
+
+int NvDevice_abortLoadFile(NvDevice* device)
+{
+    if (!device || !device->isFile)
+        return fail(device ? NRV_NOT_SUPPORTED : NRV_INVALID_DEVICE);
+    device->file->abort = true;
+    setResult(NRV_OK);
+    return 1;
+}
+
+int NvDevice_isFileLoaded(NvDevice* device)
+{
+    return device && device->isFile && device->file->state == nda::FileSource::Loaded;
+}
+
+int64_t NvDevice_packetCount(NvDevice* device)
+{
+    if (!device || !device->isFile)
+        return 0;
+    return int64_t(device->file->packetCount(device->fileDevice));
+}
+
+int NvDevice_dataPacketByIndex(NvDevice* device, int64_t index, NvDataPacket* out)
+{
+    if (!out)
+        return fail(NRV_INVALID_ARGUMENT);
+    *out = NvDataPacket();
+    if (!device || !device->isFile)
+        return fail(device ? NRV_NOT_SUPPORTED : NRV_INVALID_DEVICE);
+    if (device->file->state != nda::FileSource::Loaded)
+        return fail(NRV_INVALID_STATE);
+    if (index < 0)
+        return fail(NRV_INVALID_ARGUMENT);
+    *out = device->file->packet(device->fileDevice, size_t(index));
+    return out->isEmpty() ? fail(NRV_END_OF_FILE) : done(NRV_OK);
+}
+
+uint64_t NvDevice_fileSkippedBytes(NvDevice* device)
+{
+    return device && device->isFile ? device->file->skippedBytes() : 0;
+}
+
+} // extern "C"
