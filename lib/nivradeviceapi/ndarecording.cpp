@@ -9,6 +9,8 @@
 #include "ndacontrol_p.h"
 #include "nivradeviceapi.h"
 
+#include <future>
+
 using nda::done;
 using nda::fail;
 using nda::setResult;
@@ -132,6 +134,24 @@ NvResultValue finishRecording(NvDevice* dev, bool measureAgain)
     return rc;
 }
 
+// Runs `task` on the port's reader between two chunks and waits for it, so that what it
+// changes (recording on or off, the state) falls between two frames: every packet
+// delivered in Recording is in the file, and no other.
+void onReader(const std::shared_ptr<nda::Port>& port, const std::function<void()>& task)
+{
+    if (port->isReaderThread()) {
+        task();
+        return;
+    }
+    auto doneFlag = std::make_shared<std::promise<void>>();
+    std::future<void> finished = doneFlag->get_future();
+    port->post([task, doneFlag] {
+        task();
+        doneFlag->set_value();
+    });
+    finished.wait();
+}
+
 } // namespace
 
 void nda::Port::onFlushDone(NvDevice* master)
@@ -244,13 +264,15 @@ int NvDevice_startRecording(NvDevice* device)
     }
     if (device->state != NDS_MEASUREMENT && !NvDevice_gotoMeasurement(device))
         return 0;
-    for (NvDevice* d : recordedDevices(device)) {
-        if (d != device && d->state != NDS_MEASUREMENT)
-            continue; // a docked tracker stays out of it
-        d->awaitingFirstPacket = true;
-        d->control->changeState(d, NDS_WAITING_FOR_RECORDING_START);
-    }
-    setRecording(device, true);
+    onReader(device->port, [device] {
+        setRecording(device, true);
+        for (NvDevice* d : recordedDevices(device)) {
+            if (d != device && d->state != NDS_MEASUREMENT)
+                continue; // a docked tracker stays out of it
+            d->awaitingFirstPacket = true;
+            d->control->changeState(d, NDS_WAITING_FOR_RECORDING_START);
+        }
+    });
     setResult(NRV_OK);
     return 1;
 }
@@ -269,10 +291,14 @@ int NvDevice_stopRecording(NvDevice* device)
     nda::DeviceRef hold(device);
     if (!device->isMaster) {
         // Flushing is writing out what is buffered; then the device is where it was.
-        const NvDeviceState after =
-            device->state == NDS_CONFIGURATION ? NDS_CONFIGURATION : NDS_MEASUREMENT;
-        device->awaitingFirstPacket = false;
-        device->control->changeState(device, NDS_FLUSHING);
+        NvDeviceState after = NDS_MEASUREMENT;
+        onReader(device->port, [device, &after] {
+            if (device->state == NDS_CONFIGURATION)
+                after = NDS_CONFIGURATION;
+            device->awaitingFirstPacket = false;
+            setRecording(device, false);
+            device->control->changeState(device, NDS_FLUSHING);
+        });
         const NvResultValue rc = finishRecording(device, false);
         device->control->changeState(device, after);
         return done(rc);

@@ -98,6 +98,13 @@ public:
         }
     }
 
+    void onLiveDataAvailable(NvDevice* dev, const NvDataPacket*) override
+    {
+        if (NvDevice_deviceState(dev) == NDS_RECORDING)
+            ++whileRecording;
+    }
+    std::atomic<int64_t> whileRecording{0};
+
 private:
     Recorder& m_recorder;
     std::map<NvDevice*, size_t>& m_marks;
@@ -185,6 +192,8 @@ TEST_F(RecordingTest, RecordedDevicesReopenWithExactlyThePacketsDeliveredLive)
 
 TEST_F(RecordingTest, StoppingGoesThroughFlushingBackToMeasurementAndTheFileStaysOpenable)
 {
+    RecordingMarker marker(recorder, atRecording);
+    NvControl_addCallbackHandler(control, marker.plainC(), 1);
     KvsimProcess sim({"--device", "ahrs", "--quiet"});
     ASSERT_TRUE(sim.started()) << sim.stderrText();
     NvDevice* dev = open(sim.ports()[0]);
@@ -215,9 +224,11 @@ TEST_F(RecordingTest, StoppingGoesThroughFlushingBackToMeasurementAndTheFileStay
     EXPECT_EQ(NvControl_lastResult(control), NRV_NO_LOG_FILE);
     NvControl_close(control);
 
+    // Stopped while it measured: every packet delivered in Recording is in the file.
     std::map<NvDeviceId, NvDevice*> files;
     ASSERT_TRUE(openAndLoad(file, files));
     EXPECT_GT(NvDevice_packetCount(files.begin()->second), 100);
+    EXPECT_EQ(NvDevice_packetCount(files.begin()->second), marker.whileRecording.load());
 }
 
 TEST_F(RecordingTest, AMastersRecordingGetsWhatItMissedBackByTheFlush)
