@@ -269,6 +269,8 @@ private:
     uint64_t m_nextTicket = 1;
 
     void closeChild(NvDevice* child, bool portStopped);
+    // Keeps a closed device while somebody references it, destroys it otherwise.
+    void retire(std::unique_ptr<NvDevice> owned);
     void workerLoop();
     void restoreLoop(std::string portName);
 

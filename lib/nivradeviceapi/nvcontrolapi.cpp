@@ -262,15 +262,7 @@ bool NvControl::closeDevice(NvDevice* dev)
     }
     if (dev->isFile) {
         nda::fileDeviceClosing(dev);
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            if (dev->refs > 0) {
-                m_closed.push_back(std::move(owned));
-                setResult(NRV_OK);
-                return true;
-            }
-        }
-        destroyDevice(this, std::move(owned));
+        retire(std::move(owned));
         setResult(NRV_OK);
         return true;
     }
@@ -292,15 +284,22 @@ bool NvControl::closeDevice(NvDevice* dev)
             setResult(NRV_OK);
             return true;
         }
-        if (dev->refs > 0) {
+    }
+    retire(std::move(owned));
+    setResult(NRV_OK);
+    return true;
+}
+
+void NvControl::retire(std::unique_ptr<NvDevice> owned)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (owned->refs > 0) {
             m_closed.push_back(std::move(owned));
-            setResult(NRV_OK);
-            return true;
+            return;
         }
     }
     destroyDevice(this, std::move(owned));
-    setResult(NRV_OK);
-    return true;
 }
 
 NvDevice* NvControl::findDevice(const NvDeviceId& id)

@@ -10,12 +10,43 @@
 
 namespace {
 
+// Notes, per device, how many packets had come when it entered Recording.
+class RecordingMarker : public NvCallback
+{
+public:
+    RecordingMarker(Recorder& recorder, std::map<NvDevice*, size_t>& marks)
+        : m_recorder(recorder), m_marks(marks)
+    {
+    }
+    void onDeviceStateChanged(NvDevice* dev, NvDeviceState state, NvDeviceState) override
+    {
+        // Runs on the reader before the packet that started the recording is delivered.
+        if (state == NDS_RECORDING) {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_marks[dev] = m_recorder.packetCount(dev);
+        }
+    }
+
+    void onLiveDataAvailable(NvDevice* dev, const NvDataPacket*) override
+    {
+        if (NvDevice_deviceState(dev) == NDS_RECORDING)
+            ++whileRecording;
+    }
+    std::atomic<int64_t> whileRecording{0};
+
+private:
+    Recorder& m_recorder;
+    std::map<NvDevice*, size_t>& m_marks;
+    std::mutex m_mutex;
+};
+
 class RecordingTest : public ControlTest
 {
 protected:
     void SetUp() override
     {
         ControlTest::SetUp();
+        NvControl_addCallbackHandler(control, marker.plainC(), 1);
         dir = kvtest::makeTempDir();
     }
     void TearDown() override
@@ -79,44 +110,13 @@ protected:
 
     std::string dir;
     std::map<NvDevice*, size_t> atRecording;
-};
-
-// Notes, per device, how many packets had come when it entered Recording.
-class RecordingMarker : public NvCallback
-{
-public:
-    RecordingMarker(Recorder& recorder, std::map<NvDevice*, size_t>& marks)
-        : m_recorder(recorder), m_marks(marks)
-    {
-    }
-    void onDeviceStateChanged(NvDevice* dev, NvDeviceState state, NvDeviceState) override
-    {
-        // Runs on the reader before the packet that started the recording is delivered.
-        if (state == NDS_RECORDING) {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_marks[dev] = m_recorder.packetCount(dev);
-        }
-    }
-
-    void onLiveDataAvailable(NvDevice* dev, const NvDataPacket*) override
-    {
-        if (NvDevice_deviceState(dev) == NDS_RECORDING)
-            ++whileRecording;
-    }
-    std::atomic<int64_t> whileRecording{0};
-
-private:
-    Recorder& m_recorder;
-    std::map<NvDevice*, size_t>& m_marks;
-    std::mutex m_mutex;
+    RecordingMarker marker{recorder, atRecording}; // outlives the control's last callback
 };
 
 } // namespace
 
 TEST_F(RecordingTest, RecordedDevicesReopenWithExactlyThePacketsDeliveredLive)
 {
-    RecordingMarker marker(recorder, atRecording);
-    NvControl_addCallbackHandler(control, marker.plainC(), 1);
     const std::string truth = dir + "/truth.csv";
     KvsimProcess sim({"--device", "imu:rate=400", "--device", "ahrs", "--device", "gnss", "--truth",
                       truth, "--quiet"});
@@ -192,8 +192,6 @@ TEST_F(RecordingTest, RecordedDevicesReopenWithExactlyThePacketsDeliveredLive)
 
 TEST_F(RecordingTest, StoppingGoesThroughFlushingBackToMeasurementAndTheFileStaysOpenable)
 {
-    RecordingMarker marker(recorder, atRecording);
-    NvControl_addCallbackHandler(control, marker.plainC(), 1);
     KvsimProcess sim({"--device", "ahrs", "--quiet"});
     ASSERT_TRUE(sim.started()) << sim.stderrText();
     NvDevice* dev = open(sim.ports()[0]);
