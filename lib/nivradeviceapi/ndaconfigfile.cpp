@@ -272,7 +272,7 @@ int NvDevice_applyConfigFile(NvDevice* device, const NvString* fileName)
     static const NvString progressName = "Applying settings";
     const int total = int(steps.size());
     auto progress = [&](int current) {
-        device->control->dispatch([&](const NvCallbackPlainC* h) {
+        device->control->dispatch(device, [&](const NvCallbackPlainC* h) {
             if (h->onProgressUpdated)
                 h->onProgressUpdated(h->userData, device, current, total, &progressName);
         });

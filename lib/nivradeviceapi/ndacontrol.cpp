@@ -215,7 +215,7 @@ bool Port::write(const NvMessage& message)
     // Reported outside the write lock: a handler may well send a message itself.
     NvDevice* dev = m_device.load();
     if (dev && (m_control->options() & NVO_REPORT_MESSAGES))
-        m_control->dispatch([&](const NvCallbackPlainC* h) {
+        m_control->dispatch(dev, [&](const NvCallbackPlainC* h) {
             if (h->onMessageSentToDevice)
                 h->onMessageSentToDevice(h->userData, dev, &message);
         });
@@ -382,7 +382,7 @@ void Port::reportDetected(NvProtocolType type, const NvByteArray& bytes)
     NvDevice* dev = m_device.load();
     if (!dev)
         return;
-    m_control->dispatch([&](const NvCallbackPlainC* h) {
+    m_control->dispatch(dev, [&](const NvCallbackPlainC* h) {
         if (h->onMessageDetected)
             h->onMessageDetected(h->userData, dev, type, &bytes);
     });
@@ -423,7 +423,7 @@ void Port::checkDataFlow()
             return;
         d->m_dataUnavailable = true;
         const long sampleTime = long(d->m_lastSampleTime);
-        m_control->dispatch([&](const NvCallbackPlainC* h) {
+        m_control->dispatch(d, [&](const NvCallbackPlainC* h) {
             if (h->onDataUnavailable)
                 h->onDataUnavailable(h->userData, d, sampleTime);
         });
@@ -450,7 +450,7 @@ void Port::lost()
     NvDevice* dev = m_device.load();
     if (!dev)
         return; // still opening: the opener sees the hang-up
-    m_control->dispatch([&](const NvCallbackPlainC* h) {
+    m_control->dispatch(dev, [&](const NvCallbackPlainC* h) {
         if (h->onError)
             h->onError(h->userData, dev, NRV_UNEXPECTED_DISCONNECT);
     });
@@ -518,7 +518,7 @@ void Port::onFrame(const NvFrameView& view)
 
     if (dev && (m_control->options() & NVO_REPORT_MESSAGES)) {
         NvMessage message = view.toMessage();
-        m_control->dispatch([&](const NvCallbackPlainC* h) {
+        m_control->dispatch(dev, [&](const NvCallbackPlainC* h) {
             if (h->onMessageReceivedFromDevice)
                 h->onMessageReceivedFromDevice(h->userData, dev, &message);
         });
@@ -543,7 +543,7 @@ void Port::onFrame(const NvFrameView& view)
         }
         if (dev) {
             enterMode(dev, NDS_CONFIGURATION);
-            m_control->dispatch([&](const NvCallbackPlainC* h) {
+            m_control->dispatch(dev, [&](const NvCallbackPlainC* h) {
                 if (h->onWakeupReceived)
                     h->onWakeupReceived(h->userData, dev);
             });
@@ -569,14 +569,14 @@ void Port::onFrame(const NvFrameView& view)
     if (mid == NvMid::Error) {
         const NvResultValue code =
             NvResultValue(view.dataSize() > 0 ? view.data()[0] : int(NRV_ERROR));
-        m_control->dispatch([&](const NvCallbackPlainC* h) {
+        m_control->dispatch(dev, [&](const NvCallbackPlainC* h) {
             if (h->onError)
                 h->onError(h->userData, dev, code);
         });
         return;
     }
     NvMessage message = view.toMessage();
-    m_control->dispatch([&](const NvCallbackPlainC* h) {
+    m_control->dispatch(dev, [&](const NvCallbackPlainC* h) {
         if (h->onNonDataMessage)
             h->onNonDataMessage(h->userData, dev, &message);
     });
@@ -597,7 +597,7 @@ void Port::onDataPacket(NvDevice* dev, const NvFrameView& view)
             const uint16_t first = uint16_t(dev->m_lastCounter + 1);
             const uint16_t last = uint16_t(counter - 1);
             const int count = uint16_t(counter - first);
-            m_control->dispatch([&](const NvCallbackPlainC* h) {
+            m_control->dispatch(dev, [&](const NvCallbackPlainC* h) {
                 if (h->onMissedPackets)
                     h->onMissedPackets(h->userData, dev, count, first, last);
             });
@@ -613,7 +613,7 @@ void Port::onDataPacket(NvDevice* dev, const NvFrameView& view)
     if (packet.contains(NDI_SAMPLE_TIME_FINE))
         dev->m_lastSampleTime = packet.sampleTimeFine();
     dev->m_dataUnavailable = false;
-    m_control->dispatch([&](const NvCallbackPlainC* h) {
+    m_control->dispatch(dev, [&](const NvCallbackPlainC* h) {
         if (h->onLiveDataAvailable)
             h->onLiveDataAvailable(h->userData, dev, &packet);
     });

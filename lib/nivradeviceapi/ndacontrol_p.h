@@ -201,16 +201,19 @@ struct NvControl
     NvControl(const NvControl&) = delete;
     NvControl& operator=(const NvControl&) = delete;
 
-    // Calls `f(handler)` for every registered handler, in order, without holding a lock
-    // while a handler runs.
+    // Calls `f(handler)` for every handler of the control, then every handler of `dev`
+    // (null: the control's only), in order, without holding a lock while a handler runs.
     template <typename F>
-    void dispatch(F&& f)
+    void dispatch(NvDevice* dev, F&& f)
     {
-        dispatchImpl(std::function<void(const NvCallbackPlainC*)>(std::forward<F>(f)));
+        dispatchImpl(dev, std::function<void(const NvCallbackPlainC*)>(std::forward<F>(f)));
     }
-    void dispatchImpl(const std::function<void(const NvCallbackPlainC*)>& f);
-    void addHandler(NvCallbackPlainC* handler, bool chain);
-    void removeHandler(NvCallbackPlainC* handler);
+    void dispatchImpl(NvDevice* dev, const std::function<void(const NvCallbackPlainC*)>& f);
+    // `dev` null: a handler of the control, for every device.
+    void addHandler(NvCallbackPlainC* handler, bool chain, NvDevice* dev = nullptr);
+    void removeHandler(NvCallbackPlainC* handler, NvDevice* dev = nullptr);
+    // A destroyed device's handlers go with it.
+    void forgetHandlers(NvDevice* dev);
 
     void changeState(NvDevice* dev, NvDeviceState newState);
     // The port of `dev` hung up (called on its reader thread).
@@ -265,6 +268,7 @@ private:
     std::mutex m_handlerMutex;
     std::condition_variable m_handlerCv;
     std::vector<NvCallbackPlainC*> m_handlers;
+    std::map<NvDevice*, std::vector<NvCallbackPlainC*>> m_deviceHandlers;
     std::set<uint64_t> m_activeDispatches;
     uint64_t m_nextTicket = 1;
 

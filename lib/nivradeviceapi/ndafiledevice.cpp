@@ -98,7 +98,7 @@ void FileSource::report(int current, int total, NvResultValue error)
         NvDevice* dev = m_control->findAndRef(id);
         if (!dev)
             continue;
-        m_control->dispatch([&](const NvCallbackPlainC* h) {
+        m_control->dispatch(dev, [&](const NvCallbackPlainC* h) {
             if (error != NRV_OK) {
                 if (h->onError)
                     h->onError(h->userData, dev, error);

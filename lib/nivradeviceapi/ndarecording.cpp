@@ -203,7 +203,7 @@ int NvDevice_createLogFile(NvDevice* device, const NvString* fileName)
             if (!dev)
                 return;
             nda::DeviceRef hold(dev);
-            control->dispatch([&](const NvCallbackPlainC* h) {
+            control->dispatch(dev, [&](const NvCallbackPlainC* h) {
                 if (h->onError)
                     h->onError(h->userData, dev, error);
             });

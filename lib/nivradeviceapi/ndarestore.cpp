@@ -65,7 +65,7 @@ void NvControl::restoreLoop(std::string portName)
         port->shutdown();
     }
     const NvString name = portName;
-    dispatch([&](const NvCallbackPlainC* h) {
+    dispatch(nullptr, [&](const NvCallbackPlainC* h) {
         if (h->onRestoreCommunication)
             h->onRestoreCommunication(h->userData, &name, rc);
     });

@@ -237,7 +237,7 @@ int NvDevice_requestGnssStatus(NvDevice* device)
         std::lock_guard<std::mutex> lock(device->mutex);
         device->gnssStatus = status;
     }
-    device->control->dispatch([&](const NvCallbackPlainC* h) {
+    device->control->dispatch(device, [&](const NvCallbackPlainC* h) {
         if (h->onInfoResponse)
             h->onInfoResponse(h->userData, device, NIR_GNSS_STATUS);
     });

@@ -156,7 +156,7 @@ bool NvControl::attachChild(NvDevice* master, std::unique_ptr<NvDevice> child, b
         raw->m_lastPacketNs = nda::monotonicNs();
     changeState(raw, measuring ? NDS_MEASUREMENT : NDS_CONFIGURATION);
     if (report)
-        dispatch([&](const NvCallbackPlainC* h) {
+        dispatch(raw, [&](const NvCallbackPlainC* h) {
             if (h->onConnectivityChanged)
                 h->onConnectivityChanged(h->userData, raw, state);
         });
@@ -177,7 +177,7 @@ void NvControl::trackerReported(NvDevice* master, const KvwInfo& reported)
             child = c;
 
     auto report = [&](NvDevice* dev) {
-        dispatch([&](const NvCallbackPlainC* h) {
+        dispatch(dev, [&](const NvCallbackPlainC* h) {
             if (h->onConnectivityChanged)
                 h->onConnectivityChanged(h->userData, dev, info.state);
         });
@@ -276,7 +276,7 @@ void nda::Port::onMasterMessage(NvDevice* master, const NvFrameView& view)
             }
             // Every report is passed on (about once a second): a display of the levels
             // stays fresh without polling.
-            m_control->dispatch([&](const NvCallbackPlainC* h) {
+            m_control->dispatch(child, [&](const NvCallbackPlainC* h) {
                 if (!h->onInfoResponse)
                     return;
                 h->onInfoResponse(h->userData, child, NIR_SIGNAL_STRENGTH);
@@ -290,7 +290,7 @@ void nda::Port::onMasterMessage(NvDevice* master, const NvFrameView& view)
         const int doneCount = int(view.toMessage().readU32(0));
         const int total = int(view.toMessage().readU32(4));
         static const NvString flushing = "Flushing";
-        m_control->dispatch([&](const NvCallbackPlainC* h) {
+        m_control->dispatch(master, [&](const NvCallbackPlainC* h) {
             if (h->onProgressUpdated)
                 h->onProgressUpdated(h->userData, master, doneCount, total, &flushing);
         });
@@ -567,7 +567,7 @@ int NvDevice_requestBatteryLevel(NvDevice* device)
                 device->kvw.rssi = r.rssi;
             }
     }
-    device->control->dispatch([&](const NvCallbackPlainC* h) {
+    device->control->dispatch(device, [&](const NvCallbackPlainC* h) {
         if (h->onInfoResponse)
             h->onInfoResponse(h->userData, device, NIR_BATTERY_LEVEL);
     });

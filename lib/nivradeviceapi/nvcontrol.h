@@ -82,6 +82,10 @@ NvResultValue NvControl_lastResult(NvControl* control);
 const char* NvControl_lastResultText(NvControl* control);
 
 // ---- Device (every call answers false / neutral and sets NRV_INVALID_DEVICE on null)
+// Handlers of one device: called for its callbacks after the control's handlers, with the
+// same rules; they go when the device is destroyed.
+void NvDevice_addCallbackHandler(NvDevice* device, NvCallbackPlainC* handler, int chain);
+void NvDevice_removeCallbackHandler(NvDevice* device, NvCallbackPlainC* handler);
 int NvDevice_addRef(NvDevice* device);
 int NvDevice_removeRef(NvDevice* device);
 int NvDevice_refCount(NvDevice* device);

@@ -100,24 +100,39 @@ void NvControl::workerLoop()
     }
 }
 
-void NvControl::dispatchImpl(const std::function<void(const NvCallbackPlainC*)>& f)
+void NvControl::dispatchImpl(NvDevice* dev, const std::function<void(const NvCallbackPlainC*)>& f)
 {
     std::vector<NvCallbackPlainC*> snapshot;
+    size_t controlCount = 0;
     uint64_t ticket = 0;
     {
         std::lock_guard<std::mutex> lock(m_handlerMutex);
-        if (m_handlers.empty())
-            return;
         snapshot = m_handlers;
+        controlCount = snapshot.size();
+        if (dev) {
+            auto it = m_deviceHandlers.find(dev);
+            if (it != m_deviceHandlers.end())
+                snapshot.insert(snapshot.end(), it->second.begin(), it->second.end());
+        }
+        if (snapshot.empty())
+            return;
         ticket = m_nextTicket++;
         m_activeDispatches.insert(ticket);
     }
     t_dispatchTickets.push_back(ticket);
-    for (NvCallbackPlainC* h : snapshot) {
+    for (size_t i = 0; i < snapshot.size(); ++i) {
+        NvCallbackPlainC* h = snapshot[i];
         {
             // A handler removed by an earlier handler of this very dispatch is skipped.
             std::lock_guard<std::mutex> lock(m_handlerMutex);
-            if (std::find(m_handlers.begin(), m_handlers.end(), h) == m_handlers.end())
+            const std::vector<NvCallbackPlainC*>* list = &m_handlers;
+            if (i >= controlCount) {
+                auto it = m_deviceHandlers.find(dev);
+                if (it == m_deviceHandlers.end())
+                    continue;
+                list = &it->second;
+            }
+            if (std::find(list->begin(), list->end(), h) == list->end())
                 continue;
         }
         f(h);
@@ -130,21 +145,30 @@ void NvControl::dispatchImpl(const std::function<void(const NvCallbackPlainC*)>&
     m_handlerCv.notify_all();
 }
 
-void NvControl::addHandler(NvCallbackPlainC* handler, bool chain)
+void NvControl::addHandler(NvCallbackPlainC* handler, bool chain, NvDevice* dev)
 {
     if (!handler)
         return;
     std::lock_guard<std::mutex> lock(m_handlerMutex);
+    std::vector<NvCallbackPlainC*>& list = dev ? m_deviceHandlers[dev] : m_handlers;
     if (!chain)
-        m_handlers.clear();
-    if (std::find(m_handlers.begin(), m_handlers.end(), handler) == m_handlers.end())
-        m_handlers.push_back(handler);
+        list.clear();
+    if (std::find(list.begin(), list.end(), handler) == list.end())
+        list.push_back(handler);
 }
 
-void NvControl::removeHandler(NvCallbackPlainC* handler)
+void NvControl::removeHandler(NvCallbackPlainC* handler, NvDevice* dev)
 {
     std::unique_lock<std::mutex> lock(m_handlerMutex);
-    m_handlers.erase(std::remove(m_handlers.begin(), m_handlers.end(), handler), m_handlers.end());
+    if (dev) {
+        auto it = m_deviceHandlers.find(dev);
+        if (it != m_deviceHandlers.end())
+            it->second.erase(std::remove(it->second.begin(), it->second.end(), handler),
+                             it->second.end());
+    } else {
+        m_handlers.erase(std::remove(m_handlers.begin(), m_handlers.end(), handler),
+                         m_handlers.end());
+    }
     // Wait for the dispatches that may still hold the handler, except this thread's own.
     const uint64_t limit = m_nextTicket;
     m_handlerCv.wait(lock, [&] {
@@ -156,12 +180,18 @@ void NvControl::removeHandler(NvCallbackPlainC* handler)
     });
 }
 
+void NvControl::forgetHandlers(NvDevice* dev)
+{
+    std::lock_guard<std::mutex> lock(m_handlerMutex);
+    m_deviceHandlers.erase(dev);
+}
+
 void NvControl::changeState(NvDevice* dev, NvDeviceState newState)
 {
     const NvDeviceState old = dev->state.exchange(newState);
     if (old == newState)
         return;
-    dispatch([&](const NvCallbackPlainC* h) {
+    dispatch(dev, [&](const NvCallbackPlainC* h) {
         if (h->onDeviceStateChanged)
             h->onDeviceStateChanged(h->userData, dev, newState, old);
     });
@@ -171,6 +201,7 @@ namespace {
 void destroyDevice(NvControl* control, std::unique_ptr<NvDevice> dev)
 {
     control->changeState(dev.get(), NDS_DESTRUCTING);
+    control->forgetHandlers(dev.get());
     dev.reset();
 }
 } // namespace
@@ -523,6 +554,18 @@ void NvControl_removeCallbackHandler(NvControl* control, NvCallbackPlainC* handl
 {
     if (control)
         control->removeHandler(handler);
+}
+
+void NvDevice_addCallbackHandler(NvDevice* device, NvCallbackPlainC* handler, int chain)
+{
+    if (device && !device->isBroadcast)
+        device->control->addHandler(handler, chain != 0, device);
+}
+
+void NvDevice_removeCallbackHandler(NvDevice* device, NvCallbackPlainC* handler)
+{
+    if (device && !device->isBroadcast)
+        device->control->removeHandler(handler, device);
 }
 
 void NvControl_setReplyTimeout(NvControl* control, unsigned ms)

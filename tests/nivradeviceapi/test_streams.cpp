@@ -172,3 +172,25 @@ TEST_F(ControlTest, EverySupportedSyncSettingIsAcceptedByTheDevice)
     }
     NvControl_close(control);
 }
+
+TEST_F(ControlTest, DeviceHandlersHearOnlyTheirDevice)
+{
+    KvsimProcess sim({"--device", "imu", "--device", "ahrs", "--quiet"});
+    ASSERT_TRUE(sim.started()) << sim.stderrText();
+    NvDevice* a = open(sim.ports()[0]);
+    NvDevice* b = open(sim.ports()[1]);
+    ASSERT_NE(a, nullptr);
+    ASSERT_NE(b, nullptr);
+    Recorder onlyA;
+    NvDevice_addCallbackHandler(a, onlyA.plainC(), 1);
+    ASSERT_TRUE(NvDevice_gotoMeasurement(a));
+    ASSERT_TRUE(NvDevice_gotoMeasurement(b));
+    ASSERT_TRUE(waitUntil([&] { return onlyA.packetCount(a) >= 50; }));
+    EXPECT_EQ(onlyA.packetCount(b), 0u);
+    EXPECT_GE(recorder.packetCount(b), 1u); // the control's handler hears both
+    NvDevice_removeCallbackHandler(a, onlyA.plainC());
+    const size_t after = onlyA.packetCount(a);
+    std::this_thread::sleep_for(200ms);
+    EXPECT_EQ(onlyA.packetCount(a), after);
+    NvControl_close(control);
+}
