@@ -198,6 +198,8 @@ void NvControl::changeState(NvDevice* dev, NvDeviceState newState)
 }
 
 namespace {
+// Destructing is reported when a device leaves the table (closed or lost), so holders of
+// a reference learn it at once; by now it was reported, unless nobody saw it close.
 void destroyDevice(NvControl* control, std::unique_ptr<NvDevice> dev)
 {
     control->changeState(dev.get(), NDS_DESTRUCTING);
@@ -222,12 +224,9 @@ void NvControl::deviceLost(NvDevice* dev)
         m_devices.erase(it);
         m_deadPorts.push_back(dev->port); // joined later, not from its own thread
         dev->isOpen = false;
-        if (dev->refs > 0) {
-            m_closed.push_back(std::move(owned));
-            return;
-        }
     }
-    destroyDevice(this, std::move(owned));
+    changeState(dev, NDS_DESTRUCTING);
+    retire(std::move(owned));
 }
 
 void NvControl::release(NvDevice* dev)
@@ -264,6 +263,7 @@ void NvControl::closeChild(NvDevice* child, bool portStopped)
         child->isOpen = false;
         m_closed.push_back(std::move(owned));
     }
+    changeState(child, NDS_DESTRUCTING);
     // The reader may be inside a callback with this very handle: it releases the device
     // once it is past it.
     if (portStopped && !child->port->isReaderThread())
@@ -293,6 +293,7 @@ bool NvControl::closeDevice(NvDevice* dev)
     }
     if (dev->isFile) {
         nda::fileDeviceClosing(dev);
+        changeState(dev, NDS_DESTRUCTING);
         retire(std::move(owned));
         setResult(NRV_OK);
         return true;
@@ -303,6 +304,7 @@ bool NvControl::closeDevice(NvDevice* dev)
     if (dev->isMaster)
         for (NvDevice* child : childrenOf(dev))
             closeChild(child, true);
+    changeState(dev, NDS_DESTRUCTING);
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         dev->isOpen = false;
