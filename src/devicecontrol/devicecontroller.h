@@ -1,0 +1,86 @@
+#pragma once
+// Mode changes and recordings of groups of devices in synchronisation order, and the
+// number of measuring devices. The main window is reached through DeviceControllerHost, so
+// this library does not depend on the application.
+
+#include "ndadevicestate.h"
+#include "ndametatypes.h"
+
+#include <QIODevice>
+#include <QObject>
+#include <QString>
+
+#include <functional>
+#include <map>
+
+class NdaControl;
+class NdaDevice;
+class NdaDeviceSelection;
+
+class DeviceControllerHost
+{
+public:
+    virtual ~DeviceControllerHost() = default;
+    virtual QString generateLogFileName(const NvDeviceId& id) = 0;
+    // May change the name (e.g. when the file exists).
+    virtual QString checkExistingFilename(const QString& name) = 0;
+    virtual void onOpenFileFailed(QIODevice::OpenMode mode, const QString& name) = 0;
+};
+
+class DeviceController : public QObject
+{
+    Q_OBJECT
+
+public:
+    using Step = std::function<bool(NdaDevice&)>;
+
+    DeviceController(DeviceControllerHost& host, NdaControl& control, QObject* parent = nullptr);
+    ~DeviceController() override;
+
+    DeviceControllerHost& kvManager() const { return m_host; }
+    NdaControl& control() const { return m_control; }
+
+    // Groups; each answers whether every device succeeded. Followers start measuring
+    // before the devices that give them the signal, and stop after them.
+    bool gotoConfig(const NvDeviceIdArray& ids);
+    bool gotoConfigAll();
+    bool gotoMeasurement(const NvDeviceIdArray& ids);
+    bool gotoMeasurementAll();
+    bool stopRecording(const NvDeviceIdArray& ids);
+    bool stopRecordingAll();
+    bool abortFlushing(const NvDeviceIdArray& ids);
+    bool abortFlushingAll();
+
+    // One device.
+    bool gotoConfig(NdaDevice& device);
+    bool gotoMeasurement(NdaDevice& device);
+    bool stopRecording(NdaDevice& device);
+    bool abortFlushing(NdaDevice& device);
+    bool startRecording(NdaDevice& device);
+
+    // In the selection's order (ascending sync role) / in reverse; every device is
+    // visited, the answer is whether all steps succeeded.
+    static bool forAll(const NdaDeviceSelection& selection, const Step& step);
+    static bool forAllReversed(const NdaDeviceSelection& selection, const Step& step);
+
+    size_t numberOfMeasuringDevices() const { return m_measuringCount; }
+
+signals:
+    void numberOfMeasuringDevicesChanged(size_t previous, size_t current);
+
+public slots:
+    void handleDeviceStateChange(const NvDeviceId& id, NdaDeviceState::Type newState,
+                                 NdaDeviceState::Type oldState);
+    void handleDeviceDestroyedByNda(const NvDeviceId& id);
+
+private:
+    bool currentlyMeasuring(const NvDeviceId& id) const;
+    void recount();
+
+    DeviceControllerHost& m_host;
+    NdaControl& m_control;
+    // The latest state each device reported; the state signals arrive after the library
+    // has moved on, so asking it would count devices whose change is still on its way.
+    std::map<NvDeviceId, NdaDeviceState::Type> m_states;
+    size_t m_measuringCount = 0;
+};
