@@ -25,7 +25,7 @@ public slots:
     void scanAllPorts();
     void scanPort(const QString& port);
     void scanPort(const QString& port, int baudRate);
-    // baudRate 0: the library detects the rate.
+    // baudRate: an NvBaudRate code; 0 (NBR_DETECT) lets the library find the rate.
     virtual void scan(const QString& port, int baudRate);
 
 signals:

@@ -47,6 +47,8 @@ private slots:
     void scanOfAllPortsOpensTheEmulatedDevices();
     void cancelEndsTheScanAborted();
     void scanWithoutDevicesCompletesAtOnce();
+    void scanOfOnePortOpensOnlyItsDevice();
+    void imarPortIsTriedAndTheScanGoesOn();
     void dockedTrackersAreClosedWhenNotShown();
 
 private:
@@ -229,6 +231,60 @@ void TestHardwareScanner::scanWithoutDevicesCompletesAtOnce()
     QCOMPARE(scanning.count(), 1);
     QCOMPARE(opening.count(), 0);
     QCOMPARE(aborted.count(), 0);
+    QVERIFY(control.deviceIds().empty());
+}
+
+void TestHardwareScanner::scanOfOnePortOpensOnlyItsDevice()
+{
+    kvtest::KvsimProcess sim({"--device", "imu", "--device", "ahrs", "--quiet"});
+    QVERIFY2(sim.started(), sim.stderrText().c_str());
+    pointScannerAt(sim.runtimeDir());
+
+    NdaControl control;
+    HardwareScanner scanner(control);
+    QSignalSpy opening(&control, &NdaControl::scanForHardwareOpeningPort);
+    QSignalSpy completed(&scanner, &HardwareScanner::scanForHardwareCompleted);
+    const QString port = QString::fromStdString(sim.ports()[1].path);
+    scanner.scanPort(port, NBR_115200);
+    QVERIFY(completed.wait(ScanWaitMs));
+    QCOMPARE(opening.count(), 1);
+    QCOMPARE(opening.at(0).at(0).toString(), port);
+    QCOMPARE(opening.at(0).at(1).toInt(), 115200);
+    QCOMPARE(idTexts(control.mainDeviceIds()), (std::set<std::string>{sim.ports()[1].id}));
+
+    // A port without a device: nothing to open.
+    QTRY_VERIFY(!control.isScanning());
+    scanner.scanPort(QStringLiteral("/dev/null"));
+    QVERIFY(completed.wait(ScanWaitMs));
+    QCOMPARE(opening.count(), 1);
+    QVERIFY(control.mainDeviceIds().empty()); // a scan starts from a closed control
+}
+
+void TestHardwareScanner::imarPortIsTriedAndTheScanGoesOn()
+{
+    QTemporaryDir empty;
+    QVERIFY(empty.isValid());
+    pointScannerAt(empty.path().toStdString());
+    QSettings settings;
+    settings.setValue(QStringLiteral("imarUsage"), true);
+    settings.setValue(QStringLiteral("imarPort"), QStringLiteral("/dev/ttyIMAR"));
+    settings.setValue(QStringLiteral("imarBaudRate"), 115200);
+    settings.setValue(QStringLiteral("imarType"), 1);
+    settings.sync();
+
+    NdaControl control;
+    QSignalSpy progress(&control, &NdaControl::scanForHardwareProgressChanged);
+    QSignalSpy opening(&control, &NdaControl::scanForHardwareOpeningPort);
+    QSignalSpy completed(&control, &NdaControl::scanForHardwareCompleted);
+    control.scanForHardware(QString(), 0);
+    QVERIFY(completed.wait(ScanWaitMs));
+    QList<int> values;
+    for (const QList<QVariant>& args : progress)
+        values << args.at(0).toInt();
+    QCOMPARE(values, (QList<int>{10, 20, 100}));
+    QCOMPARE(opening.count(), 1);
+    QCOMPARE(opening.at(0).at(0).toString(), QStringLiteral("/dev/ttyIMAR"));
+    QCOMPARE(opening.at(0).at(1).toInt(), 115200);
     QVERIFY(control.deviceIds().empty());
 }
 
