@@ -1,6 +1,7 @@
 #include "kvmanager.h"
 
 #include "animatedicon.h"
+#include "hardwarescanner.h"
 #include "journaller.h"
 #include "kvmanagerhelpers.h"
 #include "messagewindow.h"
@@ -11,6 +12,7 @@
 #include <QAction>
 #include <QApplication>
 #include <QCloseEvent>
+#include <QDateTime>
 #include <QDir>
 #include <QDockWidget>
 #include <QDragEnterEvent>
@@ -27,6 +29,7 @@
 #include <QScreen>
 #include <QSettings>
 #include <QStatusBar>
+#include <QTimer>
 #include <QToolBar>
 #include <QUrl>
 #include <QVBoxLayout>
@@ -95,7 +98,10 @@ void KvManager::construct()
     constructUi();
     constructToolBarWidgets();
     constructStatusBarWidgets();
+    constructNdaControl();
+    constructDeviceController();
     constructDeviceList();
+    constructHardwareScanner();
     constructRecentFileMenu();
     constructMessageWindow();
     constructScanLogWindow();
@@ -118,8 +124,271 @@ void KvManager::destruct()
     destructScanLogWindow();
     destructMessageWindow();
     destructRecentFileMenu();
+    destructHardwareScanner();
     destructDeviceList();
+    destructDeviceController();
+    destructNdaControl();
     destructToolBarWidgets();
+}
+
+// ---- device control ----------------------------------------------------------------------
+
+void KvManager::constructNdaControl()
+{
+    m_ndaControl = new NdaControl();
+    NdaControl* c = m_ndaControl;
+    connect(c, &NdaControl::aboutToClose, this, &KvManager::handleNdaAboutToClose);
+    connect(c, &NdaControl::closed, this, &KvManager::handleNdaClosed);
+    connect(c, &NdaCallback::kvwDisconnected, this, &KvManager::handleKvwDisconnect);
+    connect(c, &NdaCallback::error, this, &KvManager::handleDeviceError);
+    connect(c, &NdaCallback::warning, this, &KvManager::handleDeviceWarning);
+    connect(c, &NdaCallback::samplesMissed, this, &KvManager::handleSamplesMissed);
+    connect(c, &NdaCallback::dataUnavailable, this, &KvManager::handleDataUnavailable);
+    connect(c, &NdaCallback::wakeupReceived, this, &KvManager::handleWakeupReceived);
+    // A device that went away (unplugged) leaves the status bar's count.
+    connect(c, &NdaControl::deviceDestroyedByNda, this, [this](const NvDeviceId& id) {
+        m_heldDevices.erase(std::remove(m_heldDevices.begin(), m_heldDevices.end(), id),
+                            m_heldDevices.end());
+        updateDeviceStatus();
+    });
+    m_deviceStatusTimer = new QTimer(this);
+    m_deviceStatusTimer->setInterval(500);
+    connect(m_deviceStatusTimer, &QTimer::timeout, this, &KvManager::updateDeviceStatus);
+    m_deviceStatusTimer->start();
+}
+
+void KvManager::destructNdaControl()
+{
+    delete m_deviceStatusTimer;
+    m_deviceStatusTimer = nullptr;
+    releaseHeldDevices();
+    delete m_ndaControl;
+    m_ndaControl = nullptr;
+}
+
+void KvManager::constructDeviceController()
+{
+    m_deviceController = new DeviceController(*this, *m_ndaControl);
+    connect(m_deviceController, &DeviceController::numberOfMeasuringDevicesChanged, this,
+            &KvManager::handleNumberOfMeasuringDevicesChanged);
+}
+
+void KvManager::destructDeviceController()
+{
+    delete m_deviceController;
+    m_deviceController = nullptr;
+}
+
+void KvManager::constructHardwareScanner()
+{
+    m_hardwareScanner = new HardwareScanner(*m_ndaControl, this);
+    HardwareScanner* h = m_hardwareScanner;
+    connect(h, &HardwareScanner::scanForHardwareCompleted, this,
+            &KvManager::handleScanForHardwareCompleted);
+    connect(h, &HardwareScanner::scanForHardwareAborted, this,
+            &KvManager::handleScanForHardwareAborted);
+    connect(h, &HardwareScanner::scanForHardwareProgressChanged, this,
+            &KvManager::handleScanForHardwareProgressChanged);
+    connect(h, &HardwareScanner::scanForHardwareStateChanged, this,
+            &KvManager::handleScanForHardwareStateChanged);
+    connect(h, &HardwareScanner::scanLogEvent, this, &KvManager::addMessageToScanLog);
+}
+
+void KvManager::destructHardwareScanner()
+{
+    delete m_hardwareScanner;
+    m_hardwareScanner = nullptr;
+}
+
+void KvManager::holdOpenDevices()
+{
+    releaseHeldDevices();
+    for (const NvDeviceId& id : m_ndaControl->mainDeviceIds()) {
+        if (m_ndaControl->requestDevice(id).isValid())
+            m_heldDevices.push_back(id);
+        else
+            m_ndaControl->releaseDevice(id);
+    }
+    updateDeviceStatus();
+}
+
+void KvManager::releaseHeldDevices()
+{
+    const NvDeviceIdArray held = std::exchange(m_heldDevices, {});
+    for (const NvDeviceId& id : held)
+        m_ndaControl->releaseDevice(id);
+}
+
+QString KvManager::deviceStatusText() const
+{
+    if (!m_ndaControl || m_heldDevices.empty())
+        return tr("No devices");
+    double packetsPerSecond = 0;
+    quint64 missed = 0;
+    int silent = 0;
+    for (const NvDeviceId& id : m_heldDevices) {
+        const NdaLinkHealth h = m_ndaControl->linkHealth(id);
+        packetsPerSecond += h.packetsPerSecond;
+        missed += h.missed;
+        if (m_ndaControl->isMeasuring(id) && !h.isHealthy())
+            ++silent;
+    }
+    QString text = tr("%n device(s)", nullptr, int(m_heldDevices.size()));
+    text += tr(", %1 packets/s").arg(qRound(packetsPerSecond));
+    if (missed > 0)
+        text += tr(", %1 missed").arg(missed);
+    if (silent > 0)
+        text += tr(", %n link(s) behind", nullptr, silent);
+    return text;
+}
+
+void KvManager::updateDeviceStatus()
+{
+    if (!m_deviceCountLabel || !m_ndaControl)
+        return;
+    m_deviceCountLabel->setText(deviceStatusText());
+    QStringList details;
+    for (const NvDeviceId& id : m_heldDevices) {
+        const NdaLinkHealth h = m_ndaControl->linkHealth(id);
+        details << tr("%1: %2 of %3 Hz, %4 missed, %5 checksum errors, last packet %6")
+                       .arg(QString::fromStdString(id.toString()))
+                       .arg(h.packetsPerSecond, 0, 'f', 0)
+                       .arg(h.configuredRate)
+                       .arg(h.missed)
+                       .arg(h.checksumErrors)
+                       .arg(h.msSinceLastPacket < 0 ? tr("never")
+                                                    : tr("%1 ms ago").arg(h.msSinceLastPacket));
+    }
+    m_deviceCountLabel->setToolTip(details.join(QLatin1Char('\n')));
+}
+
+QString KvManager::generateLogFileName(const NvDeviceId& id)
+{
+    QSettings settings;
+    QString folder = settings.value(QStringLiteral("recordingDirectory")).toString();
+    if (folder.isEmpty())
+        folder = QDir::homePath() + QStringLiteral("/KvManager recordings");
+    return QDir(folder).filePath(
+        QStringLiteral("%1_%2.kvb")
+            .arg(QString::fromStdString(id.toString()),
+                 QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMdd_HHmmss"))));
+}
+
+QString KvManager::checkExistingFilename(const QString& name)
+{
+    // An existing recording is never overwritten: the new one gets a number.
+    if (!QFileInfo::exists(name))
+        return name;
+    const QFileInfo info(name);
+    for (int n = 2;; ++n) {
+        const QString candidate = info.dir().filePath(
+            QStringLiteral("%1_%2.%3").arg(info.completeBaseName()).arg(n).arg(info.suffix()));
+        if (!QFileInfo::exists(candidate))
+            return candidate;
+    }
+}
+
+// ---- device notifications ------------------------------------------------------------------
+
+void KvManager::handleDeviceError(const NvDeviceId& id, NvResultValue result)
+{
+    const QString device = QString::fromStdString(id.toString());
+    const QString text = QString::fromUtf8(NvResultValue_toString(result));
+    switch (int(result)) {
+    case 41:
+        addMessageToMessageWindow(tr("WARNING: Device: %1: Data Overflow detected. Sample times "
+                                     "may not be correct. Selected baudrate may be too low.")
+                                      .arg(device),
+                                  true);
+        break;
+    case 42:
+    case 305:
+        addMessageToMessageWindow(tr("ERROR: Device: %1: %2.").arg(device, text), true);
+        break;
+    default:
+        addMessageToMessageWindow(tr("WARNING: Device: %1: %2.").arg(device, text), false);
+        break;
+    }
+}
+
+void KvManager::handleDeviceWarning(const NvDeviceId& id, NvResultValue result)
+{
+    addMessageToMessageWindow(tr("WARNING: Device: %1: %2.")
+                                  .arg(QString::fromStdString(id.toString()),
+                                       QString::fromUtf8(NvResultValue_toString(result))),
+                              false);
+}
+
+void KvManager::handleSamplesMissed(const NvDeviceId&, int) {}
+
+void KvManager::handleDataUnavailable(const NvDeviceId& id, int sampleTime)
+{
+    addMessageToMessageWindow(tr("WARNING: Packet %1 unavailable for device %2")
+                                  .arg(sampleTime)
+                                  .arg(QString::fromStdString(id.toString())));
+}
+
+void KvManager::handleWakeupReceived(const NvDeviceId& id)
+{
+    if (m_messageOnWakeup)
+        addMessageToMessageWindow(
+            tr("Device %1 has reset").arg(QString::fromStdString(id.toString())));
+}
+
+void KvManager::handleKvwDisconnect(const KvwInfo& info)
+{
+    if (info.deviceId.isLegacy())
+        addMessageToMessageWindow(tr("Lost connection to device %1")
+                                      .arg(QString::fromStdString(info.deviceId.toString())));
+    else
+        addMessageToMessageWindow(tr("Master Device %1 lost its connection to KV %2")
+                                      .arg(QString::fromStdString(info.masterId.toString()),
+                                           QString::fromStdString(info.deviceId.toString())));
+}
+
+void KvManager::handleNdaAboutToClose()
+{
+    releaseHeldDevices();
+    statusBar()->showMessage(tr("Closing devices. Please wait... "));
+}
+
+void KvManager::handleNdaClosed()
+{
+    statusBar()->clearMessage();
+    updateDeviceStatus();
+}
+
+void KvManager::handleScanForHardwareCompleted()
+{
+    statusBar()->showMessage(tr("Reloading devices. Please wait... "));
+    holdOpenDevices();
+    // The devices measure from the start; followers before the devices they follow.
+    m_deviceController->gotoMeasurementAll();
+    statusBar()->clearMessage();
+}
+
+void KvManager::handleScanForHardwareAborted()
+{
+    statusBar()->showMessage(tr("Reloading devices. Please wait... "));
+    holdOpenDevices();
+    statusBar()->clearMessage();
+}
+
+void KvManager::handleScanForHardwareProgressChanged(int progress)
+{
+    m_scanProgress->setValue(progress);
+}
+
+void KvManager::handleScanForHardwareStateChanged(bool scanning)
+{
+    m_scanProgress->setVisible(scanning);
+    m_ui.actionScanAllPorts->setEnabled(!scanning);
+}
+
+void KvManager::handleNumberOfMeasuringDevicesChanged(size_t, size_t current)
+{
+    journal(JLL_DEBUG, QStringLiteral("%1 device(s) measuring").arg(current));
+    updateDeviceStatus();
 }
 
 void KvManager::constructUi()
@@ -491,6 +760,7 @@ void KvManager::doScanAllPorts()
     journal(JLL_DEBUG, QStringLiteral("Scanning all ports"));
     UsageStatistics::logEvent(QStringLiteral("device"), QStringLiteral("scanAllPorts"));
     addMessageToScanLog(tr("Scanning all ports"));
+    m_hardwareScanner->scanAllPorts();
 }
 
 void KvManager::doScanPort()
@@ -512,6 +782,7 @@ void KvManager::handlePortScanRequested(const QString& portName, int baudRate)
 {
     journal(JLL_DEBUG, QStringLiteral("Scanning port %1 at %2").arg(portName).arg(baudRate));
     addMessageToScanLog(tr("Scanning port %1").arg(portName));
+    m_hardwareScanner->scanPort(portName, baudRate);
 }
 
 // ---- messages ----------------------------------------------------------------------------
@@ -577,6 +848,8 @@ void KvManager::closeEvent(QCloseEvent* event)
 {
     QApplication::setOverrideCursor(Qt::WaitCursor);
     m_ui.mdiArea->closeAllSubWindows();
+    m_ndaControl->abortScanForHardware();
+    m_ndaControl->close();
     saveWindowSettings();
     savePluginSettings();
     disconnect(m_deviceListDock, nullptr, this, nullptr);

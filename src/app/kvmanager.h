@@ -1,6 +1,8 @@
 #pragma once
 
+#include "devicecontroller.h"
 #include "kvmanagerui.h"
+#include "ndacontrol.h"
 #include "nvdeviceid.h"
 #include "periphery.h"
 
@@ -12,6 +14,7 @@
 #include <utility>
 
 class AnimatedIcon;
+class HardwareScanner;
 class KvmFilterOptionsCallback;
 class MessageWindow;
 class PluginManager;
@@ -19,10 +22,11 @@ class QDockWidget;
 class QLabel;
 class QMimeData;
 class QProgressBar;
+class QTimer;
 
 // The main window. It owns the long-lived companions of the application, each made by a
 // constructX member and destroyed by its destructX counterpart in reverse order.
-class KvManager : public QMainWindow, public AutoUpdatable
+class KvManager : public QMainWindow, public AutoUpdatable, public DeviceControllerHost
 {
     Q_OBJECT
 
@@ -105,7 +109,7 @@ public:
     void addMessageToScanLog(const QString& message);
 
     // Failure entry points: they only post their event, so any thread may call them.
-    void onOpenFileFailed(QIODevice::OpenMode mode, const QString& fileName);
+    void onOpenFileFailed(QIODevice::OpenMode mode, const QString& fileName) override;
     void handleExportDeviceFailed(const QString& fileName);
     void onRecordFailed();
 
@@ -115,6 +119,16 @@ public:
     static QStringList filesToLoad(const QMimeData* data, Qt::DropAction action);
 
     void handleUpdateAvailable(const QString& version, const QString& downloadLink) override;
+
+    // Recording file names: the recording folder, the device and the time.
+    QString generateLogFileName(const NvDeviceId& id) override;
+    QString checkExistingFilename(const QString& name) override;
+
+    NdaControl* ndaControl() const { return m_ndaControl; }
+    DeviceController* deviceController() const { return m_deviceController; }
+    HardwareScanner* hardwareScanner() const { return m_hardwareScanner; }
+    // The status bar's summary of the open devices and their links.
+    QString deviceStatusText() const;
 
     MessageWindow* messageWindow() const { return m_messageWindow; }
     MessageWindow* scanLogWindow() const { return m_scanLogWindow; }
@@ -131,6 +145,21 @@ public slots:
     void handleFileLoadError(const QString& fileName, int code, const QString& text);
     void handleFileLoadingFinalized(const QString& fileName);
     void handleFileClosed();
+
+    // Device notifications.
+    void handleDeviceError(const NvDeviceId& id, NvResultValue result);
+    void handleDeviceWarning(const NvDeviceId& id, NvResultValue result);
+    void handleSamplesMissed(const NvDeviceId& id, int count);
+    void handleDataUnavailable(const NvDeviceId& id, int sampleTime);
+    void handleWakeupReceived(const NvDeviceId& id);
+    void handleKvwDisconnect(const KvwInfo& info);
+    void handleNdaAboutToClose();
+    void handleNdaClosed();
+    void handleScanForHardwareCompleted();
+    void handleScanForHardwareAborted();
+    void handleScanForHardwareProgressChanged(int progress);
+    void handleScanForHardwareStateChanged(bool scanning);
+    void handleNumberOfMeasuringDevicesChanged(size_t previous, size_t current);
 
 signals:
     // Queued to the window's own handlers, so that any thread may request these.
@@ -165,6 +194,12 @@ private:
     void destructToolBarWidgets();
     void constructStatusBarWidgets();
     void destructStatusBarWidgets();
+    void constructNdaControl();
+    void destructNdaControl();
+    void constructDeviceController();
+    void destructDeviceController();
+    void constructHardwareScanner();
+    void destructHardwareScanner();
     void constructDeviceList();
     void destructDeviceList();
     void constructRecentFileMenu();
@@ -182,6 +217,10 @@ private:
     void applyDefaultLayout();
     // Modal critical box, queued behind one that is already showing.
     void showCriticalMessage(const QString& title, const QString& text);
+    // Holds a wrapper for every open main device, so that each keeps its link record.
+    void holdOpenDevices();
+    void releaseHeldDevices();
+    void updateDeviceStatus();
     // A closable tool window at the bottom whose visibility the toggle action follows.
     QDockWidget* makeToolDock(const QString& title, const QString& objectName, QWidget* content,
                               QAction* toggle);
@@ -190,6 +229,11 @@ private:
     KvManagerUi m_ui;
     UpdateServerOptions m_updateServer;
     PluginManager* m_pluginManager = nullptr;
+    NdaControl* m_ndaControl = nullptr;
+    DeviceController* m_deviceController = nullptr;
+    HardwareScanner* m_hardwareScanner = nullptr;
+    NvDeviceIdArray m_heldDevices;
+    QTimer* m_deviceStatusTimer = nullptr;
 
     QDockWidget* m_deviceListDock = nullptr;
     QWidget* m_deviceListPlaceholder = nullptr;

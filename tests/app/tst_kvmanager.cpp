@@ -1,4 +1,6 @@
+#include "hardwarescanner.h"
 #include "kvmanager.h"
+#include "kvsimharness.h"
 #include "messagewindow.h"
 
 #include <QAction>
@@ -69,6 +71,7 @@ private slots:
     void invalidDockGeometryIsIgnored();
     void titleNamesApplicationFileAndVersion();
     void everyActionHasAStableName();
+    void scanOpensTheEmulatedDevicesAndAnUnplugLeavesTheOthers();
 
 private:
     std::unique_ptr<KvManager> m_window;
@@ -428,6 +431,47 @@ void TestKvManager::everyActionHasAStableName()
         QVERIFY2(!names.contains(action->objectName()), qPrintable(action->objectName()));
         names.insert(action->objectName());
     }
+}
+
+void TestKvManager::scanOpensTheEmulatedDevicesAndAnUnplugLeavesTheOthers()
+{
+    kvtest::KvsimProcess sim(
+        {"--device", "imu", "--device", "ahrs", "--device", "gnss:disconnect=4", "--quiet"});
+    QVERIFY(sim.started());
+    qputenv("XDG_RUNTIME_DIR", QByteArray::fromStdString(sim.runtimeDir()));
+    qputenv("NV_SCAN_SYSTEM_PORTS", "0"); // the machine's own serial ports stay out of it
+    ModalCloser closer;
+    QSignalSpy measuring(m_window->deviceController(),
+                         &DeviceController::numberOfMeasuringDevicesChanged);
+    QSignalSpy scanning(m_window->hardwareScanner(), &HardwareScanner::scanForHardwareStateChanged);
+    m_window->doScanAllPorts();
+    QTRY_COMPARE_WITH_TIMEOUT(m_window->ndaControl()->deviceCount(), 3, 20000);
+    QCOMPARE(scanning.count(), 2); // the scan dialog came and went
+    QTRY_VERIFY_WITH_TIMEOUT(!measuring.isEmpty() && measuring.last().at(1).value<size_t>() == 3,
+                             10000);
+    QTRY_VERIFY(m_window->deviceStatusText().startsWith(QStringLiteral("3 device")));
+    QVERIFY(m_window->scanLogWindow()
+                ->lines()
+                .join(QLatin1Char('\n'))
+                .contains(QStringLiteral("Found")));
+
+    // The GNSS unit goes away: a message, the others go on measuring.
+    QTRY_COMPARE_WITH_TIMEOUT(m_window->ndaControl()->deviceCount(), 2, 15000);
+    QVERIFY(m_window->messageWindow()
+                ->lines()
+                .join(QLatin1Char('\n'))
+                .contains(QStringLiteral("Unexpected disconnect")));
+    QTRY_VERIFY(m_window->deviceStatusText().startsWith(QStringLiteral("2 device")));
+    for (const NvDeviceId& id : m_window->ndaControl()->mainDeviceIds())
+        QVERIFY(m_window->ndaControl()->isMeasuring(id));
+    QTRY_VERIFY(m_window->ndaControl()
+                    ->linkHealth(NvDeviceId::fromString(sim.ports()[1].id))
+                    .packetsPerSecond > 50);
+
+    m_window->close();
+    QCOMPARE(m_window->ndaControl()->deviceCount(), 0);
+    qunsetenv("XDG_RUNTIME_DIR");
+    qunsetenv("NV_SCAN_SYSTEM_PORTS");
 }
 
 QTEST_MAIN(TestKvManager)
