@@ -446,7 +446,7 @@ void TestKvManager::scanOpensTheEmulatedDevicesAndAnUnplugLeavesTheOthers()
     QSignalSpy scanning(m_window->hardwareScanner(), &HardwareScanner::scanForHardwareStateChanged);
     m_window->doScanAllPorts();
     QTRY_COMPARE_WITH_TIMEOUT(m_window->ndaControl()->deviceCount(), 3, 20000);
-    QCOMPARE(scanning.count(), 2); // the scan dialog came and went
+    QTRY_COMPARE(scanning.count(), 2); // the scan dialog came and went
     QTRY_VERIFY_WITH_TIMEOUT(!measuring.isEmpty() && measuring.last().at(1).value<size_t>() == 3,
                              10000);
     QTRY_VERIFY(m_window->deviceStatusText().startsWith(QStringLiteral("3 device")));
@@ -457,10 +457,10 @@ void TestKvManager::scanOpensTheEmulatedDevicesAndAnUnplugLeavesTheOthers()
 
     // The GNSS unit goes away: a message, the others go on measuring.
     QTRY_COMPARE_WITH_TIMEOUT(m_window->ndaControl()->deviceCount(), 2, 15000);
-    QVERIFY(m_window->messageWindow()
-                ->lines()
-                .join(QLatin1Char('\n'))
-                .contains(QStringLiteral("Unexpected disconnect")));
+    QTRY_VERIFY(m_window->messageWindow()
+                    ->lines()
+                    .join(QLatin1Char('\n'))
+                    .contains(QStringLiteral("Unexpected disconnect")));
     QTRY_VERIFY(m_window->deviceStatusText().startsWith(QStringLiteral("2 device")));
     for (const NvDeviceId& id : m_window->ndaControl()->mainDeviceIds())
         QVERIFY(m_window->ndaControl()->isMeasuring(id));
