@@ -203,12 +203,20 @@ void KvManager::destructHardwareScanner()
 void KvManager::holdOpenDevices()
 {
     releaseHeldDevices();
+    bool trackers = false, gnss = false;
     for (const NvDeviceId& id : m_ndaControl->mainDeviceIds()) {
         if (m_ndaControl->requestDevice(id).isValid())
             m_heldDevices.push_back(id);
         else
             m_ndaControl->releaseDevice(id);
+        trackers = trackers || m_ndaControl->isMasterDevice(id);
+        gnss = gnss || (id.isGnss() && !m_ndaControl->isReadingFromFile(id));
     }
+    // Levels and satellites are only asked for while there is someone to answer.
+    if (trackers)
+        startSendingBatteryRequests();
+    if (gnss)
+        startSendingGpsStatusRequests();
     updateDeviceStatus();
 }
 
@@ -348,6 +356,8 @@ void KvManager::handleKvwDisconnect(const KvwInfo& info)
 
 void KvManager::handleNdaAboutToClose()
 {
+    stopSendingBatteryRequests();
+    stopSendingGpsStatusRequests();
     releaseHeldDevices();
     statusBar()->showMessage(tr("Closing devices. Please wait... "));
 }
@@ -383,6 +393,95 @@ void KvManager::handleScanForHardwareStateChanged(bool scanning)
 {
     m_scanProgress->setVisible(scanning);
     m_ui.actionScanAllPorts->setEnabled(!scanning);
+}
+
+void KvManager::handleNumberOfRecordingDevicesChanged(size_t, size_t current)
+{
+    m_recordingDevices = current;
+    updateRecordingIndicator();
+}
+
+void KvManager::handleNumberOfWaitingForRecordingStartDevicesChanged(size_t, size_t current)
+{
+    m_waitingDevices = current;
+    updateRecordingIndicator();
+}
+
+QString KvManager::recordingIndicatorText() const
+{
+    if (m_waitingDevices > 0)
+        return tr("REC WAITING FOR SYNC [%1]").arg(m_waitingDevices);
+    if (m_recordingDevices > 0)
+        return tr("REC [%1]").arg(m_recordingDevices);
+    return QString();
+}
+
+void KvManager::updateRecordingIndicator()
+{
+    const QString text = recordingIndicatorText();
+    if (text.isEmpty()) {
+        m_recordingIndicator->hide();
+        return;
+    }
+    const QString image =
+        m_waitingDevices > 0
+            ? QStringLiteral(":/kvmanager/Resources/playbackToolbar/recordingpause-32n.png")
+            : QStringLiteral(":/kvmanager/Resources/playbackToolbar/record-32n.png");
+    m_recordingIndicator->setText(
+        QStringLiteral("<img src=\"%1\" width=\"16\" height=\"16\"> %2").arg(image, text));
+    m_recordingIndicator->show();
+}
+
+void KvManager::handleWirelessRadioOff()
+{
+    for (const NvDeviceId& id : m_ndaControl->wirelessMasterIds())
+        if (!m_ndaControl->isRadioEnabled(id))
+            emit portScanRequested(m_ndaControl->getPortName(id), 0);
+}
+
+void KvManager::handleFileClosed(const NvDeviceId&)
+{
+    handleFileClosed();
+}
+
+void KvManager::startSendingBatteryRequests()
+{
+    if (m_batteryTimer)
+        return;
+    m_batteryTimer = new QTimer(this);
+    m_batteryTimer->setInterval(500);
+    connect(m_batteryTimer, &QTimer::timeout, this, [this] {
+        for (const NvDeviceId& id : m_ndaControl->deviceIds())
+            if (id.isWirelessTracker())
+                m_ndaControl->requestBatteryLevel(id);
+    });
+    m_batteryTimer->start();
+}
+
+void KvManager::stopSendingBatteryRequests()
+{
+    delete m_batteryTimer;
+    m_batteryTimer = nullptr;
+}
+
+void KvManager::startSendingGpsStatusRequests()
+{
+    if (m_gpsStatusTimer)
+        return;
+    m_gpsStatusTimer = new QTimer(this);
+    m_gpsStatusTimer->setInterval(2000);
+    connect(m_gpsStatusTimer, &QTimer::timeout, this, [this] {
+        for (const NvDeviceId& id : m_ndaControl->mainDeviceIds())
+            if (id.isGnss() && !m_ndaControl->isReadingFromFile(id))
+                m_ndaControl->requestGpsStatus(id);
+    });
+    m_gpsStatusTimer->start();
+}
+
+void KvManager::stopSendingGpsStatusRequests()
+{
+    delete m_gpsStatusTimer;
+    m_gpsStatusTimer = nullptr;
 }
 
 void KvManager::handleNumberOfMeasuringDevicesChanged(size_t, size_t current)
@@ -782,7 +881,11 @@ void KvManager::handlePortScanRequested(const QString& portName, int baudRate)
 {
     journal(JLL_DEBUG, QStringLiteral("Scanning port %1 at %2").arg(portName).arg(baudRate));
     addMessageToScanLog(tr("Scanning port %1").arg(portName));
-    m_hardwareScanner->scanPort(portName, baudRate);
+    // Requests name the rate in bits per second; the scanner takes the library's code.
+    NvBaudRate code = baudRate > 0 ? nvRateToBaudRate(baudRate) : NBR_DETECT;
+    if (code == NBR_INVALID)
+        code = NBR_DETECT;
+    m_hardwareScanner->scanPort(portName, int(code));
 }
 
 // ---- messages ----------------------------------------------------------------------------

@@ -129,6 +129,10 @@ public:
     HardwareScanner* hardwareScanner() const { return m_hardwareScanner; }
     // The status bar's summary of the open devices and their links.
     QString deviceStatusText() const;
+    // The status bar's recording indicator text ("" when nothing records).
+    QString recordingIndicatorText() const;
+    bool isSendingBatteryRequests() const { return m_batteryTimer != nullptr; }
+    bool isSendingGpsStatusRequests() const { return m_gpsStatusTimer != nullptr; }
 
     MessageWindow* messageWindow() const { return m_messageWindow; }
     MessageWindow* scanLogWindow() const { return m_scanLogWindow; }
@@ -160,9 +164,21 @@ public slots:
     void handleScanForHardwareProgressChanged(int progress);
     void handleScanForHardwareStateChanged(bool scanning);
     void handleNumberOfMeasuringDevicesChanged(size_t previous, size_t current);
+    void handleNumberOfRecordingDevicesChanged(size_t previous, size_t current);
+    void handleNumberOfWaitingForRecordingStartDevicesChanged(size_t previous, size_t current);
+    // A master's radio went off: its port is scanned again.
+    void handleWirelessRadioOff();
+    void handleFileClosed(const NvDeviceId& id);
+
+    // Periodic requests: battery levels of wireless trackers (500 ms), GNSS status (2 s).
+    void startSendingBatteryRequests();
+    void stopSendingBatteryRequests();
+    void startSendingGpsStatusRequests();
+    void stopSendingGpsStatusRequests();
 
 signals:
     // Queued to the window's own handlers, so that any thread may request these.
+    // baudRate: bits per second, 0 to detect it.
     void portScanRequested(const QString& portName, int baudRate);
     void loadFileRequested(const QString& fileName);
     void closing();
@@ -221,6 +237,7 @@ private:
     void holdOpenDevices();
     void releaseHeldDevices();
     void updateDeviceStatus();
+    void updateRecordingIndicator();
     // A closable tool window at the bottom whose visibility the toggle action follows.
     QDockWidget* makeToolDock(const QString& title, const QString& objectName, QWidget* content,
                               QAction* toggle);
@@ -234,6 +251,10 @@ private:
     HardwareScanner* m_hardwareScanner = nullptr;
     NvDeviceIdArray m_heldDevices;
     QTimer* m_deviceStatusTimer = nullptr;
+    QTimer* m_batteryTimer = nullptr;
+    QTimer* m_gpsStatusTimer = nullptr;
+    size_t m_recordingDevices = 0;
+    size_t m_waitingDevices = 0;
 
     QDockWidget* m_deviceListDock = nullptr;
     QWidget* m_deviceListPlaceholder = nullptr;

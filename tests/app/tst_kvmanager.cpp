@@ -72,6 +72,8 @@ private slots:
     void titleNamesApplicationFileAndVersion();
     void everyActionHasAStableName();
     void scanOpensTheEmulatedDevicesAndAnUnplugLeavesTheOthers();
+    void deviceErrorsHaveTheirPrefixAndOpenTheMessageWindowOnce();
+    void deviceNotificationsAndTheRecordingIndicator();
 
 private:
     std::unique_ptr<KvManager> m_window;
@@ -472,6 +474,66 @@ void TestKvManager::scanOpensTheEmulatedDevicesAndAnUnplugLeavesTheOthers()
     QCOMPARE(m_window->ndaControl()->deviceCount(), 0);
     qunsetenv("XDG_RUNTIME_DIR");
     qunsetenv("NV_SCAN_SYSTEM_PORTS");
+}
+
+void TestKvManager::deviceErrorsHaveTheirPrefixAndOpenTheMessageWindowOnce()
+{
+    m_window->show();
+    m_window->messageWindowDock()->hide();
+    QSignalSpy shown(m_window->messageWindowDock(), &QDockWidget::visibilityChanged);
+    const NvDeviceId id = NvDeviceId::fromString("1300000000001000");
+    NdaControl* control = m_window->ndaControl();
+    emit control->error(id, NvResultValue(50)); // a warning: the window stays closed
+    QVERIFY(!m_window->messageWindowDock()->isVisible());
+    emit control->error(id, NvResultValue(42));
+    emit control->error(id, NRV_COULD_NOT_GO_TO_MEASUREMENT);
+    emit control->error(id, NvResultValue(41));
+    QVERIFY(m_window->messageWindowDock()->isVisible());
+    QCOMPARE(shown.count(), 1); // opened once for the three
+    const QStringList lines = m_window->messageWindow()->lines();
+    QCOMPARE(lines.size(), 4);
+    QVERIFY(lines[0].startsWith(QStringLiteral("WARNING: Device: 1300000000001000: ")));
+    QVERIFY(lines[1].startsWith(QStringLiteral("ERROR: Device: 1300000000001000: ")));
+    QVERIFY(lines[2].startsWith(QStringLiteral("ERROR: Device: 1300000000001000: ")));
+    QCOMPARE(lines[3], QStringLiteral("WARNING: Device: 1300000000001000: Data Overflow detected. "
+                                      "Sample times may not be correct. Selected baudrate may be "
+                                      "too low."));
+    QVERIFY(lines[1].endsWith(QLatin1Char('.')));
+}
+
+void TestKvManager::deviceNotificationsAndTheRecordingIndicator()
+{
+    NdaControl* control = m_window->ndaControl();
+    const NvDeviceId id = NvDeviceId::fromString("1300000000001000");
+    emit control->dataUnavailable(id, 77);
+    emit control->wakeupReceived(id); // "messageOnWakeup" is off by default: no line
+    KvwInfo lost;
+    lost.deviceId = NvDeviceId::fromString("2200000000001001");
+    lost.masterId = NvDeviceId::fromString("2100000000001000");
+    emit control->kvwDisconnected(lost);
+    lost.deviceId = NvDeviceId::fromString("03001000");
+    emit control->kvwDisconnected(lost);
+    QCOMPARE(
+        m_window->messageWindow()->lines(),
+        QStringList({QStringLiteral("WARNING: Packet 77 unavailable for device 1300000000001000"),
+                     QStringLiteral("Master Device 2100000000001000 lost its connection to KV "
+                                    "2200000000001001"),
+                     QStringLiteral("Lost connection to device 03001000")}));
+
+    QCOMPARE(m_window->recordingIndicatorText(), QString());
+    m_window->handleNumberOfRecordingDevicesChanged(0, 2);
+    QCOMPARE(m_window->recordingIndicatorText(), QStringLiteral("REC [2]"));
+    m_window->handleNumberOfWaitingForRecordingStartDevicesChanged(0, 1);
+    QCOMPARE(m_window->recordingIndicatorText(), QStringLiteral("REC WAITING FOR SYNC [1]"));
+    m_window->handleNumberOfWaitingForRecordingStartDevicesChanged(1, 0);
+    m_window->handleNumberOfRecordingDevicesChanged(2, 0);
+    QCOMPARE(m_window->recordingIndicatorText(), QString());
+
+    m_window->startSendingBatteryRequests();
+    m_window->startSendingGpsStatusRequests();
+    QVERIFY(m_window->isSendingBatteryRequests() && m_window->isSendingGpsStatusRequests());
+    m_window->ndaControl()->close(); // closing the devices ends the requests
+    QVERIFY(!m_window->isSendingBatteryRequests() && !m_window->isSendingGpsStatusRequests());
 }
 
 QTEST_MAIN(TestKvManager)
