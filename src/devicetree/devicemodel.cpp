@@ -361,8 +361,9 @@ void DeviceModel::reloadList()
     m_resetting = true;
 
     NvDeviceIdArray mains = m_control.mainDeviceIds();
+    // Masters first; the order within either kind is of no concern.
     std::sort(mains.begin(), mains.end(), [](const NvDeviceId& a, const NvDeviceId& b) {
-        return !a.isWirelessMaster() && b.isWirelessMaster();
+        return a.isWirelessMaster() && !b.isWirelessMaster();
     });
     for (const NvDeviceId& id : mains) {
         if (m_devices.count(id))
@@ -445,29 +446,39 @@ DeviceItem* DeviceModel::makeTrackerItem(const NvDeviceId& id)
     return nullptr;
 }
 
+DeviceModel::FirmwareWarning DeviceModel::firmwareWarning(const NvVersion& firmware,
+                                                          const QString& recorded)
+{
+    NvVersion latest;
+    if (!recorded.isEmpty() && NvVersion::fromString(recorded.toStdString(), latest) &&
+        isNewer(latest, firmware))
+        return NewerFirmwareWarning;
+    if (firmware.major == 255)
+        return BootloaderWarning;
+    return NoFirmwareWarning;
+}
+
 void DeviceModel::checkFirmware(DeviceItem* item)
 {
     NdaDevice& device = item->device();
     if (!device.isValid())
         return;
-    const NvVersion firmware = device.firmwareVersion();
     QSettings settings;
     settings.beginGroup(QStringLiteral("firmwareVersions"));
     const QString key = QString::fromStdString(item->deviceId().deviceTypeText());
-    NvVersion latest;
-    const QString recorded = settings.value(key).toString();
-    QString warning;
-    if (!recorded.isEmpty() && NvVersion::fromString(recorded.toStdString(), latest) &&
-        isNewer(latest, firmware)) {
+    switch (firmwareWarning(device.firmwareVersion(), settings.value(key).toString())) {
+    case NewerFirmwareWarning:
         item->setNewerFirmwareAvailable(true);
-        warning = newerFirmwareText();
-    } else if (firmware.major == 255) {
-        item->setDeviceInBootloader(true);
-        warning = bootloaderText();
-    }
-    if (!warning.isEmpty()) {
         item->setIcon(warningIcon());
-        item->setFirmwareWarning(warning);
+        item->setFirmwareWarning(newerFirmwareText());
+        break;
+    case BootloaderWarning:
+        item->setDeviceInBootloader(true);
+        item->setIcon(warningIcon());
+        item->setFirmwareWarning(bootloaderText());
+        break;
+    case NoFirmwareWarning:
+        break;
     }
 }
 

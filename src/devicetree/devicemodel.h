@@ -5,6 +5,7 @@
 
 #include "devicelisttreeitem.h"
 #include "ndametatypes.h"
+#include "nvversion.h"
 
 #include <QAbstractItemModel>
 #include <QModelIndexList>
@@ -73,6 +74,15 @@ public:
     void emitDeviceDataChanged(const NvDeviceId& id, int column);
     void emitItemDataChanged(const DeviceListTreeItem* item, int firstColumn, int lastColumn,
                              const QList<int>& roles = {});
+
+    enum FirmwareWarning
+    {
+        NoFirmwareWarning,
+        NewerFirmwareWarning,
+        BootloaderWarning,
+    };
+    // `recorded` is the latest version known for the device type ("" when none).
+    static FirmwareWarning firmwareWarning(const NvVersion& firmware, const QString& recorded);
 
     static QIcon familyIcon(const QString& name);
     static QIcon warningIcon();

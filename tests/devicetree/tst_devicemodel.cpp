@@ -1,0 +1,335 @@
+// The device tree model over emulated devices: its shape after a rebuild, the columns,
+// progress, the powerable-device signal, removal and stale indexes, firmware warnings and
+// link health.
+#include "deviceitems.h"
+#include "devicelistdelegate.h"
+#include "devicemodel.h"
+#include "kvsimharness.h"
+#include "ndacontrol.h"
+#include "ndadevice.h"
+
+#include <QAbstractItemModelTester>
+#include <QMenu>
+#include <QSettings>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+
+namespace {
+
+bool openAll(NdaControl& control, const kvtest::KvsimProcess& sim)
+{
+    NvControl_setReplyTimeout(control.libraryControl(), 5000); // loaded machines
+    for (const auto& port : sim.ports())
+        if (!control.openPort(port.path, NBR_115200, 0))
+            return false;
+    return true;
+}
+
+NvDeviceId idOfKind(const kvtest::KvsimProcess& sim, const std::string& kind)
+{
+    for (const auto& port : sim.ports())
+        if (port.kind == kind)
+            return NvDeviceId::fromString(port.id);
+    return {};
+}
+
+QModelIndex childByKey(const QAbstractItemModel& model, const QModelIndex& parent,
+                       const QString& key)
+{
+    for (int row = 0; row < model.rowCount(parent); ++row) {
+        const QModelIndex index = model.index(row, 0, parent);
+        if (index.data().toString() == key)
+            return index;
+    }
+    return {};
+}
+
+NvDeviceId rowDevice(const QModelIndex& index)
+{
+    return index.data(DeviceModel::DeviceIdRole).value<NvDeviceId>();
+}
+
+} // namespace
+
+class TestDeviceModel : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void rebuildListsMastersFirstWithTrackersAndFacts();
+    void progressPowerOffAndStaleIndexes();
+    void firmwareWarnings();
+    void linkHealthTurnsAmberWhenPacketsGoMissing();
+
+private:
+    QTemporaryDir m_settingsDir;
+};
+
+void TestDeviceModel::initTestCase()
+{
+    QVERIFY(m_settingsDir.isValid());
+    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, m_settingsDir.path());
+    QCoreApplication::setOrganizationName(QStringLiteral("KvDeviceTreeTest"));
+    QCoreApplication::setApplicationName(QStringLiteral("tst_devicemodel"));
+}
+
+void TestDeviceModel::rebuildListsMastersFirstWithTrackersAndFacts()
+{
+    kvtest::KvsimProcess sim(
+        {"--device", "imu", "--device", "ahrs", "--device", "master:3,docked=1", "--quiet"});
+    QVERIFY2(sim.started(), sim.stderrText().c_str());
+    NdaControl control;
+    QVERIFY2(openAll(control, sim), qPrintable(control.lastResultText()));
+    {
+        DeviceModel model(control);
+        QAbstractItemModelTester tester(&model,
+                                        QAbstractItemModelTester::FailureReportingMode::QtTest);
+        QSignalSpy powerable(&model, &DeviceModel::powerableDevicePresenceChanged);
+        QCOMPARE(model.rowCount(), 0);
+
+        model.reloadList();
+        QCOMPARE(model.rowCount(), 3);
+        QCOMPARE(model.columnCount(), 4);
+        for (int column = 0; column < 4; ++column)
+            QCOMPARE(model.headerData(column, Qt::Horizontal).toString(), QString());
+        QVERIFY(!model.headerData(0, Qt::Vertical).isValid());
+
+        // The master first, the two trackers after it in either order.
+        const NvDeviceId master = idOfKind(sim, "master");
+        const NvDeviceId imu = idOfKind(sim, "imu");
+        const NvDeviceId ahrs = idOfKind(sim, "ahrs");
+        const QModelIndex masterRow = model.index(0, 0);
+        QCOMPARE(rowDevice(masterRow), master);
+        QCOMPARE(masterRow.data().toString(), QStringLiteral("Aerlo Station"));
+        QVERIFY(!masterRow.data(Qt::DecorationRole).value<QIcon>().isNull());
+        const std::set<NvDeviceId> others{rowDevice(model.index(1, 0)),
+                                          rowDevice(model.index(2, 0))};
+        QCOMPARE(others, (std::set<NvDeviceId>{imu, ahrs}));
+        const QModelIndex imuRow = model.getModelIndex(imu);
+        QCOMPARE(imuRow.data().toString(), QString::fromStdString(imu.deviceTypeText()));
+        QCOMPARE(model.index(imuRow.row(), 1).data().toString(),
+                 QString::fromStdString(imu.toString()));
+        QCOMPARE(model.index(imuRow.row(), 2).data().toString(),
+                 NdaDeviceState::toString(NdaDeviceState::ConfigMode));
+        QVERIFY(!model.index(imuRow.row(), 3).data().isValid());
+
+        // Facts of a tracker, each mapping back to its device.
+        const QModelIndex info = model.index(0, 0, imuRow);
+        QCOMPARE(info.data().toString(), QStringLiteral("Device Information"));
+        const QModelIndex code = childByKey(model, info, QStringLiteral("Product Code"));
+        QVERIFY(code.isValid());
+        QCOMPARE(code.siblingAtColumn(1).data().toString(),
+                 control.getExistingDevice(imu)->shortProductCode());
+        QCOMPARE(model.deviceId(code), imu);
+        QVERIFY(!code.data(DeviceModel::DeviceIdRole).isValid());
+        QCOMPARE(code.data(DeviceModel::TypeRole).toInt(), int(DeviceListTreeItem::ReadOnlyText));
+        QCOMPARE(childByKey(model, info, QStringLiteral("Baudrate")).siblingAtColumn(1).data(),
+                 QVariant(115200));
+        QVERIFY(childByKey(model, info, QStringLiteral("Link")).isValid());
+        QVERIFY(childByKey(model, imuRow, QStringLiteral("Output Information")).isValid());
+        QCOMPARE(model.flags(code.siblingAtColumn(1)), Qt::ItemIsSelectable | Qt::ItemIsEnabled);
+        QVERIFY(!model.setData(code.siblingAtColumn(1), QStringLiteral("x")));
+
+        // The docked tracker sits in the master's group; one powerable device appeared.
+        const QModelIndex group = childByKey(model, masterRow, QStringLiteral("Connected Devices"));
+        QVERIFY(group.isValid());
+        QCOMPARE(model.rowCount(group), 1);
+        const QModelIndex kvw = model.index(0, 0, group);
+        QCOMPARE(kvw.data().toString(), QStringLiteral("Kvw"));
+        QVERIFY(rowDevice(kvw).isWirelessTracker());
+        QCOMPARE(model.getModelIndex(rowDevice(kvw)), kvw);
+        QCOMPARE(powerable.count(), 1);
+        QCOMPARE(powerable.at(0).at(0).toBool(), true);
+        QVERIFY(model.itemsToExpand().contains(masterRow));
+        QVERIFY(model.itemsToExpand().contains(group));
+
+        // An information row offers its device's menu; a docked tracker can be powered off.
+        std::unique_ptr<QMenu> menu(DeviceListDelegate::contextMenuFor(code));
+        QVERIFY(menu);
+        QCOMPARE(menu->actions().size(), 1);
+        QCOMPARE(menu->actions().at(0)->text(), QStringLiteral("Disconnect"));
+        std::unique_ptr<QMenu> kvwMenu(model.contextMenu(kvw));
+        QVERIFY(kvwMenu);
+        QCOMPARE(kvwMenu->actions().at(0)->text(), QStringLiteral("Power Off"));
+        QVERIFY(kvwMenu->actions().at(0)->isEnabled());
+        QVERIFY(!model.contextMenu(group));
+    }
+    control.close();
+}
+
+void TestDeviceModel::progressPowerOffAndStaleIndexes()
+{
+    kvtest::KvsimProcess sim({"--device", "imu", "--device", "master:3,docked=1", "--quiet"});
+    QVERIFY2(sim.started(), sim.stderrText().c_str());
+    NdaControl control;
+    QVERIFY2(openAll(control, sim), qPrintable(control.lastResultText()));
+    {
+        DeviceModel model(control);
+        QAbstractItemModelTester tester(&model,
+                                        QAbstractItemModelTester::FailureReportingMode::QtTest);
+        model.reloadList();
+        const NvDeviceId imu = idOfKind(sim, "imu");
+        NdaDevice* device = control.getExistingDevice(imu);
+        QVERIFY(device);
+
+        // Progress of 3 of 8, then done.
+        QSignalSpy changed(&model, &QAbstractItemModel::dataChanged);
+        const QModelIndex progress = model.getModelIndex(imu, DeviceModel::ProgressColumn);
+        emit device->progressChanged(*device, 3, 8);
+        QCOMPARE(progress.data().toString(), QStringLiteral("38%"));
+        QCOMPARE(changed.count(), 1);
+        QCOMPARE(changed.at(0).at(0).value<QModelIndex>(), progress);
+        emit device->progressCompleted(*device, 0);
+        QVERIFY(!progress.data().isValid());
+        QVERIFY(!model.index(0, 3, model.getModelIndex(imu)).data().isValid());
+
+        // Powering the docked tracker off takes its row and the last powerable device.
+        QSignalSpy powerable(&model, &DeviceModel::powerableDevicePresenceChanged);
+        QSignalSpy removed(&model, &DeviceModel::deviceRemoved);
+        const QModelIndex group =
+            childByKey(model, model.index(0, 0), QStringLiteral("Connected Devices"));
+        const NvDeviceId tracker = rowDevice(model.index(0, 0, group));
+        QVERIFY(tracker.isWirelessTracker());
+        model.powerOff(tracker);
+        QCOMPARE(powerable.count(), 1);
+        QCOMPARE(powerable.at(0).at(0).toBool(), false);
+        QCOMPARE(removed.count(), 1);
+        QCOMPARE(removed.at(0).at(1).value<NvDeviceId>(), tracker);
+        QCOMPARE(model.rowCount(group), 0);
+        QVERIFY(!model.getModelIndex(tracker).isValid());
+
+        // The tracker is off now: a rebuild makes no row for it and no powerable news.
+        const QModelIndex kept = model.index(0, 0, model.getModelIndex(imu));
+        QVERIFY(kept.data().isValid());
+        QTRY_VERIFY_WITH_TIMEOUT(
+            !control.isValidExistingDevice(tracker) && control.deviceCount() == 2, 5000);
+        model.reloadList();
+        QVERIFY(!model.getModelIndex(tracker).isValid());
+        QCOMPARE(model.rowCount(
+                     childByKey(model, model.index(0, 0), QStringLiteral("Connected Devices"))),
+                 0);
+        QCOMPARE(powerable.count(), 1);
+
+        // An index from before the rebuild finds nothing.
+        QVERIFY(!kept.data().isValid());
+        QVERIFY(!kept.data(Qt::ToolTipRole).isValid());
+        QVERIFY(model.deviceId(kept).isEmpty());
+        QCOMPARE(model.flags(kept), Qt::NoItemFlags);
+        QVERIFY(!model.parent(kept).isValid());
+        QCOMPARE(model.rowCount(kept), 0);
+        QVERIFY(!model.contextMenu(kept));
+        model.removeDevice(NvDeviceId::fromString("0000ABCD")); // unknown: nothing happens
+        QCOMPARE(model.rowCount(), 2);
+
+        // A device that closes loses its row.
+        QSignalSpy aboutToGo(&model, &DeviceModel::deviceAboutToBeRemoved);
+        model.disconnectDevice(QString::fromStdString(imu.toString()));
+        QCOMPARE(aboutToGo.count(), 1);
+        QCOMPARE(aboutToGo.at(0).at(1).value<NvDeviceId>(), imu);
+        QCOMPARE(model.rowCount(), 1);
+    }
+    control.close();
+}
+
+void TestDeviceModel::firmwareWarnings()
+{
+    using W = DeviceModel;
+    QCOMPARE(W::firmwareWarning(NvVersion(1, 2, 3), QString()), W::NoFirmwareWarning);
+    QCOMPARE(W::firmwareWarning(NvVersion(1, 2, 3), QStringLiteral("1.2.3")), W::NoFirmwareWarning);
+    QCOMPARE(W::firmwareWarning(NvVersion(1, 2, 3), QStringLiteral("1.2.4")),
+             W::NewerFirmwareWarning);
+    QCOMPARE(W::firmwareWarning(NvVersion(1, 9, 9), QStringLiteral("2.0.0")),
+             W::NewerFirmwareWarning);
+    QCOMPARE(W::firmwareWarning(NvVersion(2, 0, 0), QStringLiteral("1.9.9")), W::NoFirmwareWarning);
+    QCOMPARE(W::firmwareWarning(NvVersion(255, 0, 0), QString()), W::BootloaderWarning);
+    QCOMPARE(W::firmwareWarning(NvVersion(255, 0, 0), QStringLiteral("garbage")),
+             W::BootloaderWarning);
+    // A newer recorded version wins over the bootloader.
+    QCOMPARE(W::firmwareWarning(NvVersion(255, 0, 0), QStringLiteral("255.1.0")),
+             W::NewerFirmwareWarning);
+
+    kvtest::KvsimProcess sim({"--device", "ahrs", "--device", "imu", "--quiet"});
+    QVERIFY2(sim.started(), sim.stderrText().c_str());
+    NdaControl control;
+    QVERIFY2(openAll(control, sim), qPrintable(control.lastResultText()));
+    const NvDeviceId ahrs = idOfKind(sim, "ahrs");
+    const NvDeviceId imu = idOfKind(sim, "imu");
+    {
+        QSettings settings;
+        settings.beginGroup(QStringLiteral("firmwareVersions"));
+        settings.setValue(QString::fromStdString(ahrs.deviceTypeText()), QStringLiteral("254.0.0"));
+        settings.setValue(QString::fromStdString(imu.deviceTypeText()), QStringLiteral("0.0.1"));
+    }
+    {
+        DeviceModel model(control);
+        model.reloadList();
+        const QModelIndex ahrsRow = model.getModelIndex(ahrs);
+        QCOMPARE(ahrsRow.data(Qt::ToolTipRole).toString().section('\n', 0, 0),
+                 QStringLiteral("Newer firmware is available"));
+        QCOMPARE(ahrsRow.data(Qt::DecorationRole).value<QIcon>().cacheKey() ==
+                     model.getModelIndex(imu).data(Qt::DecorationRole).value<QIcon>().cacheKey(),
+                 false);
+        const QModelIndex firmware =
+            childByKey(model, model.index(0, 0, ahrsRow), QStringLiteral("Firmware Revision"));
+        QCOMPARE(firmware.data(Qt::ToolTipRole).toString(),
+                 QStringLiteral("Newer firmware is available"));
+        QVERIFY(!firmware.data(Qt::DecorationRole).value<QIcon>().isNull());
+        QVERIFY(!model.getModelIndex(imu)
+                     .data(Qt::ToolTipRole)
+                     .toString()
+                     .contains(QStringLiteral("firmware")));
+    }
+    QSettings().remove(QStringLiteral("firmwareVersions"));
+    control.close();
+}
+
+void TestDeviceModel::linkHealthTurnsAmberWhenPacketsGoMissing()
+{
+    kvtest::KvsimProcess sim({"--device", "ahrs:drop=0.3", "--device", "imu", "--quiet"});
+    QVERIFY2(sim.started(), sim.stderrText().c_str());
+    NdaControl control;
+    QVERIFY2(openAll(control, sim), qPrintable(control.lastResultText()));
+    const NvDeviceId lossy = idOfKind(sim, "ahrs");
+    const NvDeviceId clean = idOfKind(sim, "imu");
+    {
+        DeviceModel model(control);
+        model.reloadList();
+        auto linkOf = [&](const NvDeviceId& id) {
+            return childByKey(model, model.index(0, 0, model.getModelIndex(id)),
+                              QStringLiteral("Link"))
+                .siblingAtColumn(1);
+        };
+        QVERIFY(control.gotoMeasurement(lossy));
+        QVERIFY(control.gotoMeasurement(clean));
+        QSignalSpy changed(&model, &QAbstractItemModel::dataChanged);
+        QTRY_VERIFY_WITH_TIMEOUT(linkOf(lossy).data(Qt::ForegroundRole).isValid(), 10000);
+        QTest::qWait(2500);
+        QVERIFY2(!linkOf(clean).data(Qt::ForegroundRole).isValid(),
+                 qPrintable(linkOf(clean).data().toString()));
+        QVERIFY(linkOf(clean).data().toString().contains(QStringLiteral(" Hz, 0 missed")));
+        QVERIFY(!linkOf(lossy).data().toString().contains(QStringLiteral(" 0 missed")));
+        QVERIFY(model.getModelIndex(lossy)
+                    .data(Qt::ToolTipRole)
+                    .toString()
+                    .contains(QStringLiteral("Missed: ")));
+        // The timer touches only the link cells and the device rows' tool tips.
+        for (const QList<QVariant>& args : changed) {
+            const auto topLeft = args.at(0).value<QModelIndex>();
+            const auto roles = args.at(2).value<QList<int>>();
+            if (roles.contains(Qt::ForegroundRole))
+                QCOMPARE(topLeft.data().toString(), QStringLiteral("Link"));
+            else if (!roles.isEmpty())
+                QCOMPARE(roles, QList<int>{Qt::ToolTipRole});
+            else // the state column follows the measurement
+                QCOMPARE(topLeft.column(), int(DeviceModel::StateColumn));
+        }
+        control.gotoConfig(lossy);
+        control.gotoConfig(clean);
+    }
+    control.close();
+}
+
+QTEST_MAIN(TestDeviceModel)
+#include "tst_devicemodel.moc"
