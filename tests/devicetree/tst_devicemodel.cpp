@@ -155,6 +155,47 @@ void TestDeviceModel::rebuildListsMastersFirstWithTrackersAndFacts()
         QCOMPARE(kvwMenu->actions().at(0)->text(), QStringLiteral("Power Off"));
         QVERIFY(kvwMenu->actions().at(0)->isEnabled());
         QVERIFY(!model.contextMenu(group));
+
+        // The master's link reports bring the docked tracker's battery level.
+        const QModelIndex status = childByKey(model, kvw, QStringLiteral("Status Information"));
+        QCOMPARE(childByKey(model, status, QStringLiteral("Power")).siblingAtColumn(1).data(),
+                 QVariant(QStringLiteral("Power On")));
+        const QModelIndex battery =
+            childByKey(model, status, QStringLiteral("Battery Level")).siblingAtColumn(1);
+        QCOMPARE(battery.data(DeviceModel::TypeRole).toInt(),
+                 int(DeviceListTreeItem::BatteryLevel));
+        QTRY_VERIFY_WITH_TIMEOUT(battery.data().toInt() <= 100, 5000);
+        QSignalSpy changed(&model, &QAbstractItemModel::dataChanged);
+        model.setBatteryLevel(rowDevice(kvw), 42);
+        model.setBatteryLevel(rowDevice(kvw), 42);
+        QCOMPARE(battery.data().toInt(), 42);
+        QCOMPARE(changed.count(), 1);
+        QCOMPARE(changed.at(0).at(0).value<QModelIndex>(), battery);
+
+        // Trackers on the radio join the group at the next rebuild; they cannot be
+        // powered off from here.
+        QVERIFY(control.enableRadio(master, 11));
+        QTRY_COMPARE_WITH_TIMEOUT(int(control.deviceIds().size()), 6, 10000);
+        model.reloadList();
+        const QModelIndex radioGroup =
+            childByKey(model, model.index(0, 0), QStringLiteral("Connected Devices"));
+        QCOMPARE(model.rowCount(radioGroup), 3);
+        int wireless = 0;
+        for (int row = 0; row < 3; ++row) {
+            const NvDeviceId tracker = rowDevice(model.index(row, 0, radioGroup));
+            if (!control.isDeviceWireless(tracker))
+                continue;
+            ++wireless;
+            std::unique_ptr<QMenu> radioMenu(model.contextMenu(model.index(row, 0, radioGroup)));
+            QVERIFY(radioMenu);
+            QCOMPARE(radioMenu->actions().size(), 1);
+            QVERIFY(!radioMenu->actions().at(0)->isEnabled());
+        }
+        QCOMPARE(wireless, 2);
+        QCOMPARE(model.powerableDeviceCount(), 3);
+        QCOMPARE(powerable.count(), 3); // false at the clear, true again
+        QCOMPARE(powerable.at(2).at(0).toBool(), true);
+        control.disableRadio(master);
     }
     control.close();
 }
