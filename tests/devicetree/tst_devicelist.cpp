@@ -7,8 +7,13 @@
 #include "kvsimharness.h"
 #include "ndacontrol.h"
 
+#include <QComboBox>
+#include <QImage>
+#include <QLineEdit>
+#include <QPainter>
 #include <QSettings>
 #include <QSignalSpy>
+#include <QStandardItemModel>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -53,6 +58,7 @@ private slots:
     void initTestCase();
     void selectionFollowsRowsRebuildsAndRemovals();
     void batteryBarShowsUnknownLevels();
+    void delegatePaintsAndEditsEachKind();
     void columnWidthIsKept();
 
 private:
@@ -159,6 +165,63 @@ void TestDeviceList::batteryBarShowsUnknownLevels()
     const QStyleOptionProgressBar unknown = DeviceListDelegate::batteryBarOption(option, 101);
     QCOMPARE(unknown.progress, 0);
     QCOMPARE(unknown.text, QStringLiteral("N/A"));
+}
+
+void TestDeviceList::delegatePaintsAndEditsEachKind()
+{
+    QStandardItemModel model(7, 2);
+    for (int type = 0; type < 7; ++type) {
+        auto* item = new QStandardItem;
+        item->setData(type, DeviceModel::TypeRole);
+        item->setData(type == DeviceListTreeItem::Boolean ? QVariant(false) : QVariant(type * 10),
+                      Qt::DisplayRole);
+        item->setData(QVariantList{0, 10, 20}, DeviceModel::EnumItemsRole);
+        model.setItem(type, 1, item);
+    }
+    DeviceListDelegate delegate;
+    QWidget host;
+    QImage image(120, 20, QImage::Format_ARGB32);
+    QPainter painter(&image);
+    QStyleOptionViewItem option;
+    option.rect = image.rect();
+    for (int type = 0; type < 7; ++type) {
+        const QModelIndex value = model.index(type, 1);
+        QCOMPARE(int(DeviceListDelegate::getDeviceListTreeItemType(value)), type);
+        delegate.paint(&painter, option, value);
+        delegate.paint(&painter, option, model.index(type, 0));
+    }
+    painter.end();
+
+    QSignalSpy commits(&delegate, &QAbstractItemDelegate::commitData);
+    std::unique_ptr<QWidget> choice(delegate.createEditor(&host, option, model.index(0, 1)));
+    auto* combo = qobject_cast<QComboBox*>(choice.get());
+    QVERIFY(combo);
+    QCOMPARE(combo->count(), 3);
+    delegate.setEditorData(combo, model.index(0, 1));
+    QCOMPARE(combo->currentIndex(), 0);
+    QCOMPARE(commits.count(), 0);
+    combo->setCurrentIndex(2);
+    QCOMPARE(commits.count(), 1);
+
+    std::unique_ptr<QWidget> flag(delegate.createEditor(&host, option, model.index(5, 1)));
+    auto* boolean = qobject_cast<QComboBox*>(flag.get());
+    QVERIFY(boolean);
+    QCOMPARE(boolean->itemData(0), QVariant(true));
+    QCOMPARE(boolean->itemData(1), QVariant(false));
+    delegate.setEditorData(boolean, model.index(5, 1));
+    QCOMPARE(boolean->currentIndex(), 1);
+
+    QSignalSpy scenario(&delegate, &DeviceListDelegate::scenarioDialogRequested);
+    QVERIFY(!delegate.createEditor(&host, option, model.index(6, 1)));
+    QCOMPARE(scenario.count(), 1);
+
+    std::unique_ptr<QWidget> text(delegate.createEditor(&host, option, model.index(4, 1)));
+    auto* edit = qobject_cast<QLineEdit*>(text.get());
+    QVERIFY(edit);
+    delegate.updateEditorGeometry(edit, option, model.index(4, 1));
+    QCOMPARE(edit->geometry(), option.rect);
+    QTest::keyClicks(edit, QStringLiteral("ab"));
+    QCOMPARE(commits.count(), 3);
 }
 
 void TestDeviceList::columnWidthIsKept()
