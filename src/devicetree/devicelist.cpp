@@ -54,8 +54,13 @@ DeviceList::DeviceList(NdaControl& control, DeviceModel& model, QWidget* parent)
     connect(m_view->selectionModel(), &QItemSelectionModel::selectionChanged, this,
             &DeviceList::handleSelectionChange);
     connect(&m_model, &QAbstractItemModel::rowsInserted, this, &DeviceList::handleRowsInserted);
-    // A rebuild is a reset: the view drops its selection without telling anyone.
-    connect(&m_model, &QAbstractItemModel::modelReset, this, &DeviceList::handleRowsChanged);
+    // A reset drops the view's selection without telling anyone. A rebuild resets twice
+    // and is looked at once, when it is done, so that it is one selection change.
+    connect(&m_model, &QAbstractItemModel::modelReset, this, [this] {
+        if (!m_model.isRebuilding())
+            handleRowsChanged();
+    });
+    connect(&m_model, &DeviceModel::listRebuilt, this, &DeviceList::handleRowsChanged);
     connect(&m_model, &DeviceModel::deviceAboutToBeRemoved, this,
             &DeviceList::handleDeviceAboutToBeRemoved);
 }
@@ -161,7 +166,8 @@ void DeviceList::handleSelectionChange(const QItemSelection&, const QItemSelecti
 
 void DeviceList::handleRowsInserted(const QModelIndex&, int, int)
 {
-    handleRowsChanged();
+    if (!m_model.isRebuilding())
+        handleRowsChanged();
 }
 
 void DeviceList::handleRowsChanged()

@@ -356,6 +356,7 @@ void DeviceModel::emitUserChangedData()
 void DeviceModel::reloadList()
 {
     NdaMeasurementPauser pauser(m_control);
+    m_rebuilding = true;
     clear();
     beginResetModel();
     m_resetting = true;
@@ -391,6 +392,8 @@ void DeviceModel::reloadList()
     m_resetting = false;
     endResetModel();
     refreshList();
+    m_rebuilding = false;
+    emit listRebuilt();
 }
 
 DeviceItem* DeviceModel::makeMainItem(const NvDeviceId& id)

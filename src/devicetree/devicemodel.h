@@ -65,6 +65,8 @@ public:
     NdaControl& ndaControl() const { return m_control; }
     int powerableDeviceCount() const { return m_powerableCount; }
     DeviceListTreeItem* rootItem() const { return m_root; }
+    // Inside reloadList(), which resets the model more than once.
+    bool isRebuilding() const { return m_rebuilding; }
 
     // ---- Changes
     void appendChild(DeviceListTreeItem* parent, DeviceListTreeItem* child);
@@ -107,6 +109,8 @@ signals:
     void deviceRemoved(const QModelIndex& index, const NvDeviceId& id);
     void powerableDevicePresenceChanged(bool present);
     void userChangedData();
+    // reloadList() is done, rows and all.
+    void listRebuilt();
 
 private:
     friend class DeviceItem;
@@ -126,5 +130,6 @@ private:
     int m_powerableCount = 0;
     QString m_lastErrorMessage;
     bool m_resetting = false; // rows appear without insertion signals inside a reset
+    bool m_rebuilding = false;
     QTimer m_linkTimer;
 };

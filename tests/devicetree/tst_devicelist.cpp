@@ -118,34 +118,40 @@ void TestDeviceList::selectionFollowsRowsRebuildsAndRemovals()
                                                   QItemSelectionModel::Rows);
         QCOMPARE(changed.count(), 2);
 
-        // Both devices, then the selected ones go away one by one.
-        list.view()->selectionModel()->select(model.index(0, 0), QItemSelectionModel::Select |
-                                                                     QItemSelectionModel::Rows);
+        // A rebuild is one change, to the first row.
+        list.reloadList();
         QCOMPARE(changed.count(), 3);
-        const Ids both = master < ahrs ? Ids{master, ahrs} : Ids{ahrs, master};
-        QCOMPARE(newSelection(changed, 2), both);
-        model.disconnectDevice(QString::fromStdString(ahrs.toString()));
+        QCOMPARE(newSelection(changed, 2), Ids{master});
+        QCOMPARE(oldSelection(changed, 2), Ids{ahrs});
+
+        // Both devices, then the selected ones go away one by one.
+        list.view()->selectionModel()->select(
+            model.getModelIndex(ahrs), QItemSelectionModel::Select | QItemSelectionModel::Rows);
         QCOMPARE(changed.count(), 4);
-        QCOMPARE(newSelection(changed, 3), Ids{master});
-        QCOMPARE(oldSelection(changed, 3), both);
-        model.removeDevice(master);
+        const Ids both = master < ahrs ? Ids{master, ahrs} : Ids{ahrs, master};
+        QCOMPARE(newSelection(changed, 3), both);
+        model.disconnectDevice(QString::fromStdString(ahrs.toString()));
         QCOMPARE(changed.count(), 5);
-        QVERIFY(newSelection(changed, 4).empty());
-        QCOMPARE(oldSelection(changed, 4), Ids{master});
+        QCOMPARE(newSelection(changed, 4), Ids{master});
+        QCOMPARE(oldSelection(changed, 4), both);
+        model.removeDevice(master);
+        QCOMPARE(changed.count(), 6);
+        QVERIFY(newSelection(changed, 5).empty());
+        QCOMPARE(oldSelection(changed, 5), Ids{master});
         QVERIFY(list.currentlySelectedDeviceId().isEmpty());
         QVERIFY(list.currentlySelectedDeviceIds().empty());
 
         // A rebuild that finds devices again selects the first one; an empty one clears.
         list.reloadList();
-        QCOMPARE(changed.count(), 6);
-        QCOMPARE(newSelection(changed, 5).size(), size_t(1));
-        QCOMPARE(list.currentlySelectedDeviceId(), newSelection(changed, 5).front());
+        QCOMPARE(changed.count(), 7);
+        QCOMPARE(newSelection(changed, 6).size(), size_t(1));
+        QCOMPARE(list.currentlySelectedDeviceId(), newSelection(changed, 6).front());
         control.close();
         QTRY_COMPARE_WITH_TIMEOUT(model.rowCount(), 0, 5000);
-        QCOMPARE(changed.count(), 7);
-        QVERIFY(newSelection(changed, 6).empty());
+        QCOMPARE(changed.count(), 8);
+        QVERIFY(newSelection(changed, 7).empty());
         list.reloadList();
-        QCOMPARE(changed.count(), 7);
+        QCOMPARE(changed.count(), 8);
         QCOMPARE(model.rowCount(), 0);
     }
     control.close();
