@@ -1,6 +1,8 @@
 #include "kvmanager.h"
 
 #include "animatedicon.h"
+#include "devicelist.h"
+#include "devicemodel.h"
 #include "hardwarescanner.h"
 #include "journaller.h"
 #include "kvmanagerhelpers.h"
@@ -28,9 +30,11 @@
 #include <QRegularExpression>
 #include <QScreen>
 #include <QSettings>
+#include <QStackedWidget>
 #include <QStatusBar>
 #include <QTimer>
 #include <QToolBar>
+#include <QTreeView>
 #include <QUrl>
 #include <QVBoxLayout>
 
@@ -100,6 +104,7 @@ void KvManager::construct()
     constructStatusBarWidgets();
     constructNdaControl();
     constructDeviceController();
+    constructDeviceModel();
     constructDeviceList();
     constructHardwareScanner();
     constructRecentFileMenu();
@@ -126,6 +131,7 @@ void KvManager::destruct()
     destructRecentFileMenu();
     destructHardwareScanner();
     destructDeviceList();
+    destructDeviceModel();
     destructDeviceController();
     destructNdaControl();
     destructToolBarWidgets();
@@ -364,6 +370,7 @@ void KvManager::handleNdaAboutToClose()
 
 void KvManager::handleNdaClosed()
 {
+    reloadDeviceList();
     statusBar()->clearMessage();
     updateDeviceStatus();
 }
@@ -374,6 +381,7 @@ void KvManager::handleScanForHardwareCompleted()
     holdOpenDevices();
     // The devices measure from the start; followers before the devices they follow.
     m_deviceController->gotoMeasurementAll();
+    reloadDeviceList();
     statusBar()->clearMessage();
 }
 
@@ -381,6 +389,7 @@ void KvManager::handleScanForHardwareAborted()
 {
     statusBar()->showMessage(tr("Reloading devices. Please wait... "));
     holdOpenDevices();
+    reloadDeviceList();
     statusBar()->clearMessage();
 }
 
@@ -551,24 +560,52 @@ QDockWidget* KvManager::makeToolDock(const QString& title, const QString& object
     return dock;
 }
 
+void KvManager::constructDeviceModel()
+{
+    m_deviceModel = new DeviceModel(*m_ndaControl, this);
+}
+
+void KvManager::destructDeviceModel()
+{
+    // Its rows hold devices: it goes before the device control.
+    delete m_deviceModel;
+    m_deviceModel = nullptr;
+}
+
 void KvManager::constructDeviceList()
 {
-    // Holds the device tree once devices can be opened; until then it says how to get some.
-    m_deviceListPlaceholder = new QWidget;
-    auto* layout = new QVBoxLayout(m_deviceListPlaceholder);
+    // Until there are devices the dock says how to get some.
+    auto* hintPage = new QWidget;
+    auto* layout = new QVBoxLayout(hintPage);
     auto* hint =
         new QLabel(tr("No devices.\n\nUse Device > Scan All Ports (F5) to search for devices, or "
                       "File > Open (Ctrl+O) to open a recording."),
-                   m_deviceListPlaceholder);
+                   hintPage);
     hint->setObjectName(QStringLiteral("deviceListHint"));
     hint->setWordWrap(true);
     hint->setAlignment(Qt::AlignCenter);
     hint->setEnabled(false);
     layout->addWidget(hint);
 
+    m_deviceListStack = new QStackedWidget;
+    m_deviceListStack->addWidget(hintPage);
+    m_deviceList = new DeviceList(*m_ndaControl, *m_deviceModel, m_deviceListStack);
+    m_deviceList->setObjectName(QStringLiteral("deviceList"));
+    m_deviceListStack->addWidget(m_deviceList);
+    auto showWhatThereIs = [this] {
+        m_deviceListStack->setCurrentIndex(m_deviceModel->rowCount() > 0 ? 1 : 0);
+    };
+    connect(m_deviceModel, &QAbstractItemModel::modelReset, this, showWhatThereIs);
+    connect(m_deviceModel, &QAbstractItemModel::rowsInserted, this, showWhatThereIs);
+    connect(m_deviceModel, &QAbstractItemModel::rowsRemoved, this, showWhatThereIs);
+    connect(m_deviceList, &DeviceList::selectionChanged, this,
+            [this](const std::vector<NvDeviceId>& selection, const std::vector<NvDeviceId>&) {
+                handleDeviceSelectionChanged(selection);
+            });
+
     m_deviceListDock = new QDockWidget(tr("Device List"), this);
     m_deviceListDock->setObjectName(QStringLiteral("DeviceList"));
-    m_deviceListDock->setWidget(m_deviceListPlaceholder);
+    m_deviceListDock->setWidget(m_deviceListStack);
     m_deviceListDock->setAllowedAreas(Qt::LeftDockWidgetArea | Qt::RightDockWidgetArea);
     m_deviceListDock->setMinimumWidth(220);
     addDockWidget(Qt::LeftDockWidgetArea, m_deviceListDock);
@@ -581,9 +618,49 @@ void KvManager::constructDeviceList()
 
 void KvManager::destructDeviceList()
 {
+    if (m_deviceList)
+        m_deviceList->saveColumnWidth();
     delete m_deviceListDock;
     m_deviceListDock = nullptr;
-    m_deviceListPlaceholder = nullptr;
+    m_deviceListStack = nullptr;
+    m_deviceList = nullptr;
+}
+
+void KvManager::reloadDeviceList()
+{
+    m_deviceList->reloadList();
+    // The selected device shows its information at once; identifiers are read whole.
+    QTreeView* view = m_deviceList->view();
+    const QModelIndexList selected = view->selectionModel()->selectedRows();
+    if (!selected.isEmpty()) {
+        view->expand(selected.first());
+        view->expand(m_deviceModel->index(0, 0, selected.first())); // "Device Information"
+    }
+    view->resizeColumnToContents(1);
+}
+
+void KvManager::handleDeviceSelectionChanged(const std::vector<NvDeviceId>& selection)
+{
+    m_selectedDevices.assign(selection.begin(), selection.end());
+    const bool any = !m_ndaControl->mainDeviceIds().empty();
+    m_ui.actionMeasure->setEnabled(any);
+    m_ui.actionConfigMode->setEnabled(any);
+}
+
+void KvManager::startMeasurement()
+{
+    if (m_selectedDevices.empty())
+        m_deviceController->gotoMeasurementAll();
+    else
+        m_deviceController->gotoMeasurement(m_selectedDevices);
+}
+
+void KvManager::stopMeasurement()
+{
+    if (m_selectedDevices.empty())
+        m_deviceController->gotoConfigAll();
+    else
+        m_deviceController->gotoConfig(m_selectedDevices);
 }
 
 void KvManager::constructRecentFileMenu()
@@ -637,6 +714,8 @@ void KvManager::connectUi()
     connect(m_ui.actionExit, &QAction::triggered, this, &QWidget::close);
     connect(m_ui.actionScanAllPorts, &QAction::triggered, this, &KvManager::doScanAllPorts);
     connect(m_ui.actionScanPort, &QAction::triggered, this, &KvManager::doScanPort);
+    connect(m_ui.actionMeasure, &QAction::triggered, this, &KvManager::startMeasurement);
+    connect(m_ui.actionConfigMode, &QAction::triggered, this, &KvManager::stopMeasurement);
     connect(m_ui.actionTileViews, &QAction::triggered, m_ui.mdiArea, &QMdiArea::tileSubWindows);
     connect(m_ui.actionDeviceList, &QAction::toggled, m_deviceListDock, &QWidget::setVisible);
     connect(m_ui.actionMessageWindow, &QAction::toggled, m_messageWindowDock, &QWidget::setVisible);
@@ -1040,7 +1119,7 @@ void KvManager::applyDefaultLayout()
     if (const QScreen* screen = QGuiApplication::primaryScreen())
         size = size.boundedTo(screen->availableGeometry().size() * 0.9);
     resize(size);
-    resizeDocks({m_deviceListDock}, {280}, Qt::Horizontal);
+    resizeDocks({m_deviceListDock}, {400}, Qt::Horizontal);
     resizeDocks({m_messageWindowDock}, {150}, Qt::Vertical);
 }
 

@@ -14,6 +14,8 @@
 #include <utility>
 
 class AnimatedIcon;
+class DeviceList;
+class DeviceModel;
 class HardwareScanner;
 class KvmFilterOptionsCallback;
 class MessageWindow;
@@ -22,6 +24,7 @@ class QDockWidget;
 class QLabel;
 class QMimeData;
 class QProgressBar;
+class QStackedWidget;
 class QTimer;
 
 // The main window. It owns the long-lived companions of the application, each made by a
@@ -127,6 +130,10 @@ public:
     NdaControl* ndaControl() const { return m_ndaControl; }
     DeviceController* deviceController() const { return m_deviceController; }
     HardwareScanner* hardwareScanner() const { return m_hardwareScanner; }
+    DeviceModel* deviceModel() const { return m_deviceModel; }
+    DeviceList* deviceList() const { return m_deviceList; }
+    // The devices the user selected in the device list.
+    const NvDeviceIdArray& selectedDevices() const { return m_selectedDevices; }
     // The status bar's summary of the open devices and their links.
     QString deviceStatusText() const;
     // The status bar's recording indicator text ("" when nothing records).
@@ -164,6 +171,10 @@ public slots:
     void handleScanForHardwareProgressChanged(int progress);
     void handleScanForHardwareStateChanged(bool scanning);
     void handleNumberOfMeasuringDevicesChanged(size_t previous, size_t current);
+    void handleDeviceSelectionChanged(const std::vector<NvDeviceId>& selection);
+    // Measurement and configuration for the selected devices (all when none is selected).
+    void startMeasurement();
+    void stopMeasurement();
     void handleNumberOfRecordingDevicesChanged(size_t previous, size_t current);
     void handleNumberOfWaitingForRecordingStartDevicesChanged(size_t previous, size_t current);
     // A master's radio went off: its port is scanned again.
@@ -216,8 +227,11 @@ private:
     void destructDeviceController();
     void constructHardwareScanner();
     void destructHardwareScanner();
+    void constructDeviceModel();
+    void destructDeviceModel();
     void constructDeviceList();
     void destructDeviceList();
+    void reloadDeviceList();
     void constructRecentFileMenu();
     void destructRecentFileMenu();
     void constructMessageWindow();
@@ -257,7 +271,10 @@ private:
     size_t m_waitingDevices = 0;
 
     QDockWidget* m_deviceListDock = nullptr;
-    QWidget* m_deviceListPlaceholder = nullptr;
+    QStackedWidget* m_deviceListStack = nullptr; // the hint, or the device tree
+    DeviceModel* m_deviceModel = nullptr;
+    DeviceList* m_deviceList = nullptr;
+    NvDeviceIdArray m_selectedDevices;
     QDockWidget* m_messageWindowDock = nullptr;
     MessageWindow* m_messageWindow = nullptr;
     QDockWidget* m_scanLogWindowDock = nullptr;

@@ -13,7 +13,7 @@ namespace {
 
 const char* const SettingsGroup = "Devicelist";
 const char* const ColumnWidthKey = "columnWidth";
-constexpr int DefaultColumnWidth = 100;
+constexpr int DefaultColumnWidth = 170;
 
 } // namespace
 
