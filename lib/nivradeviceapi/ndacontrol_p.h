@@ -220,6 +220,8 @@ struct NvControl
     void deviceLost(NvDevice* dev);
     // Drops a closed device once nobody references it.
     void release(NvDevice* dev);
+    // One reference less; the count left.
+    int unref(NvDevice* dev);
 
     bool openPort(const NvString& name, NvBaudRate baudRate, unsigned timeout, NvPortInfo* info);
     bool closeDevice(NvDevice* dev);

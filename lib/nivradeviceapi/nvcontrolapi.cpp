@@ -323,6 +323,22 @@ bool NvControl::closeDevice(NvDevice* dev)
     return true;
 }
 
+int NvControl::unref(NvDevice* dev)
+{
+    // Under the lock that closing takes: a closer that sees the count reach 0 destroys the
+    // device, so nothing may touch it after the decrement outside the lock.
+    int left;
+    bool closed;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        left = --dev->refs;
+        closed = !dev->isOpen;
+    }
+    if (left == 0 && closed)
+        release(dev); // may destroy the device
+    return left;
+}
+
 void NvControl::retire(std::unique_ptr<NvDevice> owned)
 {
     {
@@ -722,10 +738,7 @@ int NvDevice_removeRef(NvDevice* device)
 {
     if (!device || device->isBroadcast)
         return 0;
-    const int left = --device->refs;
-    if (left == 0 && !device->isOpen)
-        device->control->release(device); // may destroy the device
-    return left;
+    return device->control->unref(device);
 }
 
 int NvDevice_refCount(NvDevice* device)
