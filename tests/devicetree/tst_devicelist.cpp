@@ -4,6 +4,7 @@
 #include "devicelist.h"
 #include "devicelistdelegate.h"
 #include "devicemodel.h"
+#include "devicetreetest.h"
 #include "kvsimharness.h"
 #include "ndacontrol.h"
 
@@ -19,22 +20,8 @@
 
 namespace {
 
-bool openAll(NdaControl& control, const kvtest::KvsimProcess& sim)
-{
-    NvControl_setReplyTimeout(control.libraryControl(), 5000); // loaded machines
-    for (const auto& port : sim.ports())
-        if (!control.openPort(port.path, NBR_115200, 0))
-            return false;
-    return true;
-}
-
-NvDeviceId idOfKind(const kvtest::KvsimProcess& sim, const std::string& kind)
-{
-    for (const auto& port : sim.ports())
-        if (port.kind == kind)
-            return NvDeviceId::fromString(port.id);
-    return {};
-}
+using devicetreetest::idOfKind;
+using devicetreetest::openAll;
 
 using Ids = std::vector<NvDeviceId>;
 
@@ -68,9 +55,7 @@ private:
 void TestDeviceList::initTestCase()
 {
     QVERIFY(m_settingsDir.isValid());
-    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, m_settingsDir.path());
-    QCoreApplication::setOrganizationName(QStringLiteral("KvDeviceTreeTest"));
-    QCoreApplication::setApplicationName(QStringLiteral("tst_devicelist"));
+    devicetreetest::useSettingsFolder(m_settingsDir, QStringLiteral("tst_devicelist"));
 }
 
 void TestDeviceList::selectionFollowsRowsRebuildsAndRemovals()

@@ -4,6 +4,7 @@
 #include "deviceitems.h"
 #include "devicelistdelegate.h"
 #include "devicemodel.h"
+#include "devicetreetest.h"
 #include "kvsimharness.h"
 #include "ndacontrol.h"
 #include "ndadevice.h"
@@ -17,22 +18,8 @@
 
 namespace {
 
-bool openAll(NdaControl& control, const kvtest::KvsimProcess& sim)
-{
-    NvControl_setReplyTimeout(control.libraryControl(), 5000); // loaded machines
-    for (const auto& port : sim.ports())
-        if (!control.openPort(port.path, NBR_115200, 0))
-            return false;
-    return true;
-}
-
-NvDeviceId idOfKind(const kvtest::KvsimProcess& sim, const std::string& kind)
-{
-    for (const auto& port : sim.ports())
-        if (port.kind == kind)
-            return NvDeviceId::fromString(port.id);
-    return {};
-}
+using devicetreetest::idOfKind;
+using devicetreetest::openAll;
 
 QModelIndex childByKey(const QAbstractItemModel& model, const QModelIndex& parent,
                        const QString& key)
@@ -70,9 +57,7 @@ private:
 void TestDeviceModel::initTestCase()
 {
     QVERIFY(m_settingsDir.isValid());
-    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, m_settingsDir.path());
-    QCoreApplication::setOrganizationName(QStringLiteral("KvDeviceTreeTest"));
-    QCoreApplication::setApplicationName(QStringLiteral("tst_devicemodel"));
+    devicetreetest::useSettingsFolder(m_settingsDir, QStringLiteral("tst_devicemodel"));
 }
 
 void TestDeviceModel::rebuildListsMastersFirstWithTrackersAndFacts()
