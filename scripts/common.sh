@@ -6,7 +6,7 @@ KV_PACKAGES=(
     cmake ninja-build g++ pkg-config git
     qt6-base-dev qt6-base-dev-tools qt6-serialport-dev libqt6opengl6-dev qt6-svg-dev
     libglu1-mesa-dev libgl1-mesa-dri libqcustomplot-dev libserialport-dev
-    libgtest-dev libbenchmark-dev
+    libgtest-dev libbenchmark-dev ccache python3
     xvfb xauth imagemagick x11-utils
 )
 
@@ -35,8 +35,15 @@ kv_ensure_packages() {
 # kv_build BUILD_DIR BUILD_TYPE
 kv_build() {
     local dir=$1 type=$2
+    local launcher=()
+    # A compiler cache keyed on paths relative to the checkout: a fresh clone (CI) and the
+    # sanitizer build reuse what an earlier build compiled.
+    if command -v ccache >/dev/null; then
+        export CCACHE_BASEDIR="$KV_ROOT" CCACHE_NOHASHDIR=1
+        launcher=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+    fi
     kv_log "Configuring $dir ($type)"
-    cmake -S "$KV_ROOT" -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE="$type" >/dev/null
+    cmake -S "$KV_ROOT" -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE="$type" "${launcher[@]}" >/dev/null
     kv_log "Building $dir"
     cmake --build "$dir" -j"$(nproc)"
 }

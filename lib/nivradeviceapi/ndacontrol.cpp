@@ -16,7 +16,6 @@ namespace nda {
 
 namespace {
 thread_local NvResultValue t_lastResult = NRV_OK;
-thread_local uint64_t t_lastOpenBytes = 0;
 } // namespace
 
 void setResult(NvResultValue value)
@@ -26,16 +25,6 @@ void setResult(NvResultValue value)
 NvResultValue lastResult()
 {
     return t_lastResult;
-}
-
-uint64_t lastOpenBytesHeard()
-{
-    return t_lastOpenBytes;
-}
-
-void setLastOpenBytesHeard(uint64_t bytes)
-{
-    t_lastOpenBytes = bytes;
 }
 
 int64_t monotonicNs()
@@ -93,43 +82,9 @@ static speed_t speedFor(int rate)
     }
 }
 
-NvResultValue listenRaw(const std::string& name, NvBaudRate baudRate, unsigned ms,
-                        const StreamDetector::Sink& sink)
+unsigned termiosSpeed(NvBaudRate baudRate)
 {
-    const int fd = ::open(name.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0)
-        return errno == EBUSY ? NRV_PORT_IN_USE : NRV_PORT_OPEN_FAILED;
-    termios tio{};
-    if (tcgetattr(fd, &tio) == 0) {
-        cfmakeraw(&tio);
-        tio.c_cflag |= CLOCAL | CREAD;
-        cfsetspeed(&tio, speedFor(nvBaudRateToRate(baudRate)));
-        tcsetattr(fd, TCSANOW, &tio);
-    }
-    tcflush(fd, TCIFLUSH);
-    StreamDetector detector;
-    const int64_t end = monotonicNs() + int64_t(ms) * 1'000'000;
-    uint8_t buffer[1024];
-    NvResultValue rc = NRV_OK;
-    for (int64_t now = monotonicNs(); now < end; now = monotonicNs()) {
-        pollfd pfd{fd, POLLIN, 0};
-        const int n = ::poll(&pfd, 1, int((end - now) / 1'000'000) + 1);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            break;
-        const ssize_t got = ::read(fd, buffer, sizeof buffer);
-        if (got < 0 && (errno == EINTR || errno == EAGAIN))
-            continue;
-        if (got <= 0) {
-            rc = NRV_UNEXPECTED_DISCONNECT;
-            break;
-        }
-        detector.feed(buffer, size_t(got), sink);
-    }
-    detector.flush(sink);
-    ::close(fd);
-    return rc;
+    return speedFor(nvBaudRateToRate(baudRate));
 }
 
 NvResultValue Port::open(NvBaudRate baudRate)
@@ -194,32 +149,52 @@ void Port::shutdown()
     m_fd = m_wakeFd = -1;
 }
 
-bool Port::write(const NvMessage& message)
+bool Port::writeFrame(const NvMessage& message)
 {
-    {
-        std::lock_guard<std::mutex> lock(m_writeMutex);
-        if (m_fd < 0 || message.isEmpty())
+    std::lock_guard<std::mutex> lock(m_writeMutex);
+    if (m_fd < 0 || message.isEmpty())
+        return false;
+    const uint8_t* p = message.frame();
+    size_t left = message.frameSize();
+    while (left > 0) {
+        ssize_t n = ::write(m_fd, p, left);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
             return false;
-        const uint8_t* p = message.frame();
-        size_t left = message.frameSize();
-        while (left > 0) {
-            ssize_t n = ::write(m_fd, p, left);
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n <= 0)
-                return false;
-            p += n;
-            left -= size_t(n);
-        }
+        p += n;
+        left -= size_t(n);
     }
-    // Reported outside the write lock: a handler may well send a message itself.
+    return true;
+}
+
+void Port::reportSent(const NvMessage& message)
+{
     NvDevice* dev = m_device.load();
     if (dev && (m_control->options() & NVO_REPORT_MESSAGES))
         m_control->dispatch(dev, [&](const NvCallbackPlainC* h) {
             if (h->onMessageSentToDevice)
                 h->onMessageSentToDevice(h->userData, dev, &message);
         });
+}
+
+bool Port::write(const NvMessage& message)
+{
+    if (!writeFrame(message))
+        return false;
+    reportSent(message); // outside every lock: a handler may well send a message itself
     return true;
+}
+
+Port::Pending* Port::pendingFor(uint8_t mid, uint8_t bus, bool masterPort)
+{
+    for (Pending* p : m_pending) {
+        const bool fromAddressee =
+            bus == p->bus || (!masterPort && p->bus == NvMessage::BusIdDevice);
+        if (!p->answered && fromAddressee && (mid == p->mid || mid == NvMid::Error))
+            return p;
+    }
+    return nullptr;
 }
 
 NvResultValue Port::request(const NvMessage& message, uint8_t replyMid, NvMessage* reply,
@@ -227,31 +202,37 @@ NvResultValue Port::request(const NvMessage& message, uint8_t replyMid, NvMessag
 {
     if (isReaderThread())
         return NRV_INVALID_STATE; // the reply could never be read: we are its reader
-    std::lock_guard<std::mutex> serial(m_requestMutex);
+    Pending pending;
+    pending.mid = replyMid;
+    pending.bus = message.busId();
+    auto forget = [this, &pending] {
+        m_pending.erase(std::remove(m_pending.begin(), m_pending.end(), &pending), m_pending.end());
+    };
     {
-        std::lock_guard<std::mutex> lock(m_replyMutex);
-        if (m_hungUp)
-            return NRV_PORT_NOT_OPEN;
-        m_waiting = true;
-        m_expected = replyMid;
-        m_expectedBus = message.busId();
-        m_gotReply = false;
-        m_reply = NvMessage();
+        std::lock_guard<std::mutex> order(m_requestMutex);
+        {
+            std::lock_guard<std::mutex> lock(m_replyMutex);
+            if (m_hungUp)
+                return NRV_PORT_NOT_OPEN;
+            m_pending.push_back(&pending);
+        }
+        if (!writeFrame(message)) {
+            std::lock_guard<std::mutex> lock(m_replyMutex);
+            forget();
+            return NRV_PORT_WRITE_ERROR;
+        }
     }
-    if (!write(message)) {
-        std::lock_guard<std::mutex> lock(m_replyMutex);
-        m_waiting = false;
-        return NRV_PORT_WRITE_ERROR;
-    }
+    // Reported with no lock held: a handler that makes a request of its own on this port
+    // queues it behind this one instead of waiting for a lock this call holds.
+    reportSent(message);
     std::unique_lock<std::mutex> lock(m_replyMutex);
     m_replyCv.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                       [this] { return m_gotReply || m_hungUp; });
-    m_waiting = false;
-    if (!m_gotReply)
+                       [&] { return pending.answered || m_hungUp; });
+    forget();
+    if (!pending.answered)
         return m_hungUp ? NRV_UNEXPECTED_DISCONNECT : NRV_TIMEOUT;
-    NvMessage answer = m_reply;
-    m_reply = NvMessage();
     lock.unlock();
+    const NvMessage& answer = pending.reply;
     if (answer.messageId() == NvMid::Error && replyMid != NvMid::Error) {
         if (reply)
             *reply = answer;
@@ -268,7 +249,7 @@ void Port::readLoop()
     readFrames();
     runPosted(true);
     if (NvDevice* dev = m_releaseOnExit.exchange(nullptr))
-        m_control->release(dev);
+        m_control->release(dev, true);
 }
 
 void Port::readFrames()
@@ -367,7 +348,7 @@ void Port::runPosted(bool last)
 
 void Port::releaseLater(NvDevice* device)
 {
-    post([control = m_control, device] { control->release(device); });
+    post([control = m_control, device] { control->release(device, true); });
 }
 
 void Port::onSkipped(const uint8_t* bytes, size_t count)
@@ -504,12 +485,9 @@ void Port::onFrame(const NvFrameView& view)
     bool delivered = false;
     {
         std::lock_guard<std::mutex> lock(m_replyMutex);
-        const bool fromAddressee =
-            bus == m_expectedBus || (!masterPort && m_expectedBus == NvMessage::BusIdDevice);
-        if (m_waiting && !m_gotReply && fromAddressee &&
-            (mid == m_expected || mid == NvMid::Error)) {
-            m_reply = view.toMessage();
-            m_gotReply = true;
+        if (Pending* p = pendingFor(mid, bus, masterPort)) {
+            p->reply = view.toMessage();
+            p->answered = true;
             delivered = true;
         }
     }
@@ -535,9 +513,9 @@ void Port::onFrame(const NvFrameView& view)
             // A device that boots drops what it received before; a GoToConfig waiting for
             // its acknowledgement is answered by the WakeUpAck just sent.
             std::lock_guard<std::mutex> lock(m_replyMutex);
-            if (m_waiting && !m_gotReply && m_expected == NvMid::GoToConfigAck) {
-                m_reply = NvMessage::toDevice(NvMid::GoToConfigAck);
-                m_gotReply = true;
+            if (Pending* p = pendingFor(NvMid::GoToConfigAck, bus, masterPort)) {
+                p->reply = NvMessage::toDevice(NvMid::GoToConfigAck);
+                p->answered = true;
                 m_replyCv.notify_all();
             }
         }

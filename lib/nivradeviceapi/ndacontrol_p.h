@@ -28,17 +28,17 @@ class FileSource;
 void setResult(NvResultValue value);
 NvResultValue lastResult();
 int64_t monotonicNs();
-// Bytes the calling thread's last failed openPort heard on the port (a silent port is
-// not worth listening to any longer).
-uint64_t lastOpenBytesHeard();
-void setLastOpenBytesHeard(uint64_t bytes);
 void closeAllControls();
-// Opens `name` without a reader, listens `ms` at `baudRate` without sending anything and
-// hands what it hears to `sink` (the scanner's look at ports that do not speak Nbus).
-NvResultValue listenRaw(const std::string& name, NvBaudRate baudRate, unsigned ms,
-                        const StreamDetector::Sink& sink);
 // Whether some control has `name` open; fills the device's identity and rate into `info`.
 bool findOpenPort(const std::string& name, NvPortInfo* info);
+// termios speed (speed_t) of a rate code; rates termios lacks give B115200.
+unsigned termiosSpeed(NvBaudRate baudRate);
+// The rate a device last answered at on port `name` in this process (NBR_DETECT: none),
+// and the order a rate search tries: that rate, 115200, 921600, then the rest fastest
+// first.
+void rememberPortRate(const std::string& name, NvBaudRate rate);
+NvBaudRate knownPortRate(const std::string& name);
+std::vector<NvBaudRate> detectionOrder(const std::string& name);
 
 // One open port: its file descriptor, its reader thread and the request/reply exchange.
 class Port
@@ -112,16 +112,28 @@ private:
     std::vector<std::function<void()>> m_posted;
     bool m_postsRunHere = true; // false once the reader is joined
 
+    // One request waiting for its reply; lives on the requester's stack.
+    struct Pending
+    {
+        uint8_t mid = 0;
+        uint8_t bus = 0xFF;
+        bool answered = false;
+        NvMessage reply;
+    };
+    bool writeFrame(const NvMessage& message);
+    void reportSent(const NvMessage& message);
+    // The oldest waiting request that `mid` from `bus` answers (m_replyMutex held).
+    Pending* pendingFor(uint8_t mid, uint8_t bus, bool masterPort);
+
     std::mutex m_writeMutex;
-    std::mutex m_requestMutex; // one request at a time per port
-    std::mutex m_replyMutex;   // guards the fields below
+    // Frames reach the wire in the order their requests are queued; held only while
+    // queueing and writing, never while a handler runs or a reply is awaited.
+    std::mutex m_requestMutex;
+    std::mutex m_replyMutex; // guards the fields below
     std::condition_variable m_replyCv;
-    bool m_waiting = false;
-    uint8_t m_expected = 0;
-    uint8_t m_expectedBus = 0xFF;
-    bool m_gotReply = false;
+    // Devices answer in the order they were asked: the oldest request a reply fits takes it.
+    std::deque<Pending*> m_pending;
     bool m_hungUp = false;
-    NvMessage m_reply;
 };
 
 } // namespace nda
@@ -133,6 +145,10 @@ struct NvDevice
     std::atomic<int> refs{0};
     std::atomic<bool> isOpen{true};
     std::atomic<NvDeviceState> state{NDS_INITIAL};
+    // Closed, but its closer (or the reader past its callbacks) still has to let go: the
+    // last reference dropped elsewhere must not free it before then. Guarded by the
+    // control's m_mutex.
+    bool releasePending = false;
 
     // Fixed once the device is published.
     NvDeviceId id;
@@ -218,8 +234,9 @@ struct NvControl
     void changeState(NvDevice* dev, NvDeviceState newState);
     // The port of `dev` hung up (called on its reader thread).
     void deviceLost(NvDevice* dev);
-    // Drops a closed device once nobody references it.
-    void release(NvDevice* dev);
+    // Drops a closed device once nobody references it. `settle`: the closer (or the reader
+    // it handed the device to) lets go of it now.
+    void release(NvDevice* dev, bool settle = false);
     // One reference less; the count left.
     int unref(NvDevice* dev);
 
@@ -230,6 +247,10 @@ struct NvControl
     NvDevice* findByPort(const NvString& name);
     std::vector<NvDevice*> devices();
     std::vector<NvDevice*> mainDevices();
+    // The main devices, each referenced, for work that runs after the lock is left.
+    std::vector<NvDeviceRef> mainDevicesRef();
+    // Identifiers read under the lock (all devices, or the main ones only).
+    NvDeviceIdArray deviceIds(bool mainOnly);
     std::vector<NvDevice*> childrenOf(NvDevice* master);
     void closeAll();
 

@@ -32,6 +32,7 @@ extern "C" void ndaSetLogger(NdaLogSink sink, void* context)
 extern "C" void ndaTerminate(void)
 {
     nda::log(NDA_LOG_DEBUG, "Device library terminating");
+    NvScanner_abortScan();
     nda::closeAllControls();
     ndaSetLogger(nullptr, nullptr);
 }

@@ -439,8 +439,9 @@ int NvDevice_enableRadio(NvDevice* device, int channel)
         return 0;
     if (channel < 11 || channel > 25)
         return fail(NRV_INVALID_CHANNEL);
-    for (NvDevice* other : device->control->mainDevices())
-        if (other != device && other->isMaster && NvDevice_radioChannel(other) == channel)
+    for (const NvDeviceRef& other : device->control->mainDevicesRef())
+        if (other.get() != device && other.get()->isMaster &&
+            NvDevice_radioChannel(other.get()) == channel)
             return fail(NRV_CHANNEL_IN_USE);
     NvMessage reply;
     const NvResultValue rc =

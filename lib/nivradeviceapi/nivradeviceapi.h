@@ -4,6 +4,8 @@
 /* The device library's C interface. Global functions; the control, device and
  * scanner objects are added beside them. */
 
+#include "nvexport.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -25,15 +27,15 @@ typedef void (*NdaLogSink)(void* context, NdaLogLevel level, const char* line);
 
 /* Hands the library its line sink (null: discard diagnostics). The library never
  * prints to stdout or stderr. */
-void ndaSetLogger(NdaLogSink sink, void* context);
+NV_API void ndaSetLogger(NdaLogSink sink, void* context);
 
 /* Global shutdown: closes whatever the library still has open and drops the sink.
  * Safe to call more than once. */
-void ndaTerminate(void);
+NV_API void ndaTerminate(void);
 
 /* Switches scanning of network-attached devices on or off (off by default). */
-void ndaEnableNetworkScanning(int enable);
-int ndaNetworkScanningEnabled(void);
+NV_API void ndaEnableNetworkScanning(int enable);
+NV_API int ndaNetworkScanningEnabled(void);
 
 #ifdef __cplusplus
 }
@@ -46,5 +48,8 @@ void log(NdaLogLevel level, const char* line);
 #include "nvcallback.h"
 #include "nvcontrol.h"
 #endif
+
+/* The plain C forms, for C programs and bindings. */
+#include "nvplainc.h"
 
 #endif

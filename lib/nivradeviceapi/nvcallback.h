@@ -9,6 +9,7 @@
  * call could need. Null entries are skipped. Each entry receives the record's userData. */
 
 #include "nvenums.h"
+#include "nvexport.h"
 
 #ifdef __cplusplus
 #include "nvbytes.h"
@@ -63,7 +64,7 @@ typedef struct NvCallbackPlainC
 }
 
 /* Derive, override what you need, and pass plainC() to NvControl_addCallbackHandler. */
-class NvCallback
+class NV_API NvCallback
 {
 public:
     NvCallback();

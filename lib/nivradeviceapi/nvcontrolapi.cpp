@@ -229,7 +229,7 @@ void NvControl::deviceLost(NvDevice* dev)
     retire(std::move(owned));
 }
 
-void NvControl::release(NvDevice* dev)
+void NvControl::release(NvDevice* dev, bool settle)
 {
     std::unique_ptr<NvDevice> owned;
     {
@@ -237,7 +237,11 @@ void NvControl::release(NvDevice* dev)
         auto it =
             std::find_if(m_closed.begin(), m_closed.end(),
                          [dev](const std::unique_ptr<NvDevice>& d) { return d.get() == dev; });
-        if (it == m_closed.end() || dev->refs > 0)
+        if (it == m_closed.end())
+            return;
+        if (settle)
+            dev->releasePending = false;
+        if (dev->refs > 0 || dev->releasePending)
             return;
         owned = std::move(*it);
         m_closed.erase(it);
@@ -261,13 +265,14 @@ void NvControl::closeChild(NvDevice* child, bool portStopped)
                 child->master->children[child->busId] = nullptr;
         }
         child->isOpen = false;
+        child->releasePending = true; // a reference dropped meanwhile must not free it
         m_closed.push_back(std::move(owned));
     }
     changeState(child, NDS_DESTRUCTING);
     // The reader may be inside a callback with this very handle: it releases the device
     // once it is past it.
     if (portStopped && !child->port->isReaderThread())
-        release(child);
+        release(child, true);
     else
         child->port->releaseLater(child);
 }
@@ -312,6 +317,7 @@ bool NvControl::closeDevice(NvDevice* dev)
             // Closed from its own callback: later handlers of this dispatch still get the
             // handle, so the reader releases the device once it has left its callbacks.
             m_deadPorts.push_back(dev->port);
+            dev->releasePending = true;
             dev->port->releaseOnExit(dev);
             m_closed.push_back(std::move(owned));
             setResult(NRV_OK);
@@ -377,6 +383,28 @@ std::vector<NvDevice*> NvControl::mainDevices()
     return out;
 }
 
+std::vector<NvDeviceRef> NvControl::mainDevicesRef()
+{
+    std::vector<NvDeviceRef> out;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    for (auto& entry : m_devices)
+        if (!entry.second->master) {
+            ++entry.second->refs;
+            out.push_back(NvDeviceRef::adopt(entry.second.get()));
+        }
+    return out;
+}
+
+NvDeviceIdArray NvControl::deviceIds(bool mainOnly)
+{
+    NvDeviceIdArray out;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    for (auto& entry : m_devices)
+        if (!mainOnly || !entry.second->master)
+            out.push_back(entry.first);
+    return out;
+}
+
 std::vector<NvDevice*> NvControl::childrenOf(NvDevice* master)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -398,8 +426,8 @@ std::vector<NvDevice*> NvControl::devices()
 
 void NvControl::closeAll()
 {
-    for (NvDevice* dev : mainDevices())
-        closeDevice(dev);
+    for (const NvDeviceRef& dev : mainDevicesRef())
+        closeDevice(dev.get());
     std::vector<std::shared_ptr<nda::Port>> dead;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -428,7 +456,6 @@ struct OpeningGuard
 bool NvControl::openPort(const NvString& name, NvBaudRate baudRate, unsigned timeout,
                          NvPortInfo* info)
 {
-    nda::setLastOpenBytesHeard(0);
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         for (auto& entry : m_devices)
@@ -450,8 +477,7 @@ bool NvControl::openPort(const NvString& name, NvBaudRate baudRate, unsigned tim
     // Configuration mode first: a measuring device refuses most requests.
     std::vector<NvBaudRate> rates;
     if (baudRate == NBR_DETECT) {
-        rates.resize(size_t(nvBaudRatesFastestFirst(nullptr, 0)));
-        nvBaudRatesFastestFirst(rates.data(), int(rates.size()));
+        rates = nda::detectionOrder(name);
     } else {
         rates = {baudRate, baudRate}; // one retry: the first may meet a WakeUp in flight
     }
@@ -469,7 +495,6 @@ bool NvControl::openPort(const NvString& name, NvBaudRate baudRate, unsigned tim
     }
     if (rc != NRV_OK) {
         port->shutdown();
-        nda::setLastOpenBytesHeard(port->bytesReceived());
         return fail(rc == NRV_TIMEOUT && baudRate == NBR_DETECT ? NRV_BAUDRATE_NOT_DETECTED : rc);
     }
 
@@ -519,6 +544,7 @@ bool NvControl::openPort(const NvString& name, NvBaudRate baudRate, unsigned tim
         info->baudRate = port->baudRate();
         info->deviceId = raw->id;
     }
+    nda::rememberPortRate(name, port->baudRate());
     nda::log(NDA_LOG_DEBUG, ("Opened " + name + ": " + raw->id.toString()).c_str());
     changeState(raw, NDS_CONFIGURATION);
     // Trackers are published on the reader, where their frames are routed; the opener
@@ -653,6 +679,13 @@ NvDevice* NvControl_device(NvControl* control, const NvDeviceId* deviceId)
     return control->findDevice(*deviceId);
 }
 
+NvDevice* NvControl_deviceRef(NvControl* control, const NvDeviceId* deviceId)
+{
+    if (!control || !deviceId)
+        return nullptr;
+    return control->findAndRef(*deviceId);
+}
+
 NvDevice* NvControl_broadcast(NvControl* control)
 {
     return control ? &control->broadcast : nullptr;
@@ -662,18 +695,14 @@ void NvControl_deviceIds(NvControl* control, NvDeviceIdArray* out)
 {
     if (!control || !out)
         return;
-    out->clear();
-    for (NvDevice* dev : control->devices())
-        out->push_back(dev->id);
+    *out = control->deviceIds(false);
 }
 
 void NvControl_mainDeviceIds(NvControl* control, NvDeviceIdArray* out)
 {
     if (!control || !out)
         return;
-    out->clear();
-    for (NvDevice* dev : control->mainDevices())
-        out->push_back(dev->id);
+    *out = control->deviceIds(true);
 }
 
 int NvControl_mainDevices(NvControl* control, NvDevice** out, int capacity)
@@ -686,14 +715,27 @@ int NvControl_mainDevices(NvControl* control, NvDevice** out, int capacity)
     return int(devs.size());
 }
 
+int NvControl_mainDevicesRef(NvControl* control, NvDevice** out, int capacity)
+{
+    if (!control || !out || capacity <= 0)
+        return 0;
+    int n = 0;
+    for (NvDeviceRef& dev : control->mainDevicesRef())
+        if (n < capacity) {
+            out[n++] = dev.get();
+            NvDevice_addRef(out[n - 1]); // the caller's own, beside the one `dev` drops
+        }
+    return n;
+}
+
 void NvControl_kvDeviceIds(NvControl* control, NvDeviceIdArray* out)
 {
     if (!control || !out)
         return;
     out->clear();
-    for (NvDevice* dev : control->devices())
-        if (!dev->id.isImar())
-            out->push_back(dev->id);
+    for (const NvDeviceId& id : control->deviceIds(false))
+        if (!id.isImar())
+            out->push_back(id);
 }
 
 int NvControl_deviceCount(NvControl* control)
@@ -813,9 +855,10 @@ int modeChange(NvDevice* device, uint8_t mid, NvResultValue failure)
 {
     if (device && device->isBroadcast) {
         bool ok = true;
-        // Masters pass mode changes on to their trackers.
-        for (NvDevice* dev : device->control->mainDevices())
-            ok = modeChange(dev, mid, failure) && ok;
+        // Masters pass mode changes on to their trackers. Each device is referenced: an
+        // unplug may close it while the request waits.
+        for (const NvDeviceRef& dev : device->control->mainDevicesRef())
+            ok = modeChange(dev.get(), mid, failure) && ok;
         setResult(ok ? NRV_OK : failure);
         return ok;
     }

@@ -3,6 +3,7 @@
 // Plain byte and text containers of the library and the big-endian helpers that every
 // Nbus payload is read and written with.
 
+#include "nvexport.h"
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -18,14 +19,14 @@ using NvByteArray = std::vector<uint8_t>;
 using NvIntArray = std::vector<int>;
 
 // Upper-case hexadecimal with one space between bytes: "FA FF 30 00 D1".
-std::string nvToHex(const uint8_t* data, size_t size);
+NV_API std::string nvToHex(const uint8_t* data, size_t size);
 inline std::string nvToHex(const NvByteArray& bytes)
 {
     return nvToHex(bytes.data(), bytes.size());
 }
 // Parses hexadecimal bytes; whitespace between bytes is optional. False on an odd
 // number of digits or a character that is neither a digit nor whitespace.
-bool nvFromHex(const std::string& text, NvByteArray& out);
+NV_API bool nvFromHex(const std::string& text, NvByteArray& out);
 
 // Big-endian reads and writes. The pointers must have room for the value; nothing here
 // checks bounds (callers check sizes once per record, not per field).

@@ -13,6 +13,7 @@
 // decoding: the items before it are kept and the packet is flagged malformed.
 
 #include "nvenums.h"
+#include "nvexport.h"
 #include "nvgnss.h"
 #include "nvmath.h"
 #include "nvmessage.h"
@@ -40,10 +41,10 @@ struct NvLatLon
 // Fixed-point and float encodings of one real value in a precision.
 // Encoding saturates at the format's range (fp1220: [-2048, 2048), fp1632: [-32768,
 // 32768)); NaN encodes as 0 in the fixed-point formats.
-void nvEncodeReal(double value, NvPrecision precision, uint8_t* out);
-double nvDecodeReal(const uint8_t* in, NvPrecision precision);
+NV_API void nvEncodeReal(double value, NvPrecision precision, uint8_t* out);
+NV_API double nvDecodeReal(const uint8_t* in, NvPrecision precision);
 
-class NvDataPacket
+class NV_API NvDataPacket
 {
 public:
     // One entry of the item index.
@@ -158,7 +159,7 @@ public:
     NvEuler orientationEuler(NvCoordinateFrame frame) const;
 
     // Same message bytes.
-    friend bool operator==(const NvDataPacket& a, const NvDataPacket& b);
+    NV_API friend bool operator==(const NvDataPacket& a, const NvDataPacket& b);
     friend bool operator!=(const NvDataPacket& a, const NvDataPacket& b) { return !(a == b); }
 
 private:
@@ -188,7 +189,7 @@ private:
 // quantity that is already present replaces its item in place; otherwise items keep the
 // order in which they were set. Values are written as given, in the identifier's frame
 // and precision (convert with nvmath.h first when the source is another frame).
-class NvDataPacketBuilder
+class NV_API NvDataPacketBuilder
 {
 public:
     explicit NvDataPacketBuilder(uint8_t busId = NvMessage::BusIdDevice) : m_busId(busId) {}

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "nvexport.h"
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -92,7 +93,7 @@ struct NvDeviceTypeInfo
 // bits 48-63, serial below) that comes with a product code and a device-type number.
 // Identity, order and text are those of the number; legacy identifiers sort before new
 // ones. The default value is empty and means "no device".
-class NvDeviceId
+class NV_API NvDeviceId
 {
 public:
     NvDeviceId() = default;
@@ -199,8 +200,8 @@ private:
 using NvDeviceIdArray = std::vector<NvDeviceId>;
 
 // The type table (one row per known type) and a lookup in it.
-const NvDeviceTypeInfo* nvDeviceTypeTable(size_t* count);
-const NvDeviceTypeInfo* nvDeviceTypeInfo(uint32_t deviceType, bool legacyForm);
+NV_API const NvDeviceTypeInfo* nvDeviceTypeTable(size_t* count);
+NV_API const NvDeviceTypeInfo* nvDeviceTypeInfo(uint32_t deviceType, bool legacyForm);
 
 // The identifiers the emulator gives its devices, so that it and the tests agree.
 // Kinds: "imu" (KV-100, compact IMU), "ahrs" (KV-300, compact AHRS), "gnss" (KV-770,
@@ -208,9 +209,9 @@ const NvDeviceTypeInfo* nvDeviceTypeInfo(uint32_t deviceType, bool legacyForm);
 // the newer master family: isAerloX), "tracker" (KVW tracker, behind a master).
 // `index` (0, 1, ...) tells devices of one kind apart; the serial is 0x1000 + index,
 // so bits 20-23 stay 0 for any index below 0xFF000. Unknown kinds give the empty id.
-NvDeviceId nvEmulatedDeviceId(const std::string& kind, uint32_t index);
+NV_API NvDeviceId nvEmulatedDeviceId(const std::string& kind, uint32_t index);
 // Tracker `slot` (0..31) of master `masterIndex`: "tracker" index masterIndex * 32 + slot.
-NvDeviceId nvEmulatedTrackerId(uint32_t masterIndex, uint32_t slot);
+NV_API NvDeviceId nvEmulatedTrackerId(uint32_t masterIndex, uint32_t slot);
 
 namespace std {
 template <>

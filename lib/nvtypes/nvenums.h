@@ -12,6 +12,7 @@
  * prefixed constants; the numeric values are part of the wire protocol or of the
  * library's interface and never change. docs/protocol.md tables all of them. */
 
+#include "nvexport.h"
 #include <stdint.h>
 
 #ifdef __cplusplus
@@ -44,12 +45,12 @@ typedef enum NvBaudRate
 } NvBaudRate;
 
 /* Bits per second of a code; 0 for NBR_DETECT and for codes not in the table. */
-int nvBaudRateToRate(NvBaudRate code);
+NV_API int nvBaudRateToRate(NvBaudRate code);
 /* The code of an exact rate; 0 gives NBR_DETECT, a rate not in the table NBR_INVALID. */
-NvBaudRate nvRateToBaudRate(int bitsPerSecond);
+NV_API NvBaudRate nvRateToBaudRate(int bitsPerSecond);
 /* Every real rate code (NBR_4800 .. NBR_4000000) fastest first, as a scan tries them.
  * Returns the number of codes; writes at most `capacity` of them when `codes` is set. */
-int nvBaudRatesFastestFirst(NvBaudRate* codes, int capacity);
+NV_API int nvBaudRatesFastestFirst(NvBaudRate* codes, int capacity);
 
 /* ---------------------------------------------------------------------------------- */
 /* Result values. 0..255 are the device's own error codes (the first data byte of an
@@ -142,9 +143,9 @@ typedef enum NvResultValue
 
 /* A short English text for every value ("Timeout", ...); "Unknown result value" for
  * values that are not in the table. Never null; the text is static. */
-const char* nvResultValueText(NvResultValue value);
+NV_API const char* nvResultValueText(NvResultValue value);
 /* Whether a value is one of the table's (device or host code). */
-int nvIsKnownResultValue(int value);
+NV_API int nvIsKnownResultValue(int value);
 
 /* ---------------------------------------------------------------------------------- */
 /* The library's device states, in this order (the application maps them 1..6, 8). */
@@ -359,7 +360,7 @@ static inline int nvPrecisionSize(NvPrecision precision)
 
 /* The English name of a quantity ("Acceleration"); the format bits are ignored.
  * "Unknown" for quantities not in the table. */
-const char* nvDataIdentifierName(NvDataIdentifier id);
+NV_API const char* nvDataIdentifierName(NvDataIdentifier id);
 /* Number of values of a real quantity (3 for acceleration, 9 for the rotation matrix);
  * 0 for quantities that are not reals. Inline: it runs for every value a packet hands out. */
 static inline int nvRealCount(NvDataIdentifier id)
@@ -398,7 +399,7 @@ static inline int nvIsRealQuantity(NvDataIdentifier id)
 }
 /* The payload size a device sends for an identifier (reals: count x precision size);
  * 0 for unknown quantities. */
-int nvItemSize(NvDataIdentifier id);
+NV_API int nvItemSize(NvDataIdentifier id);
 
 #ifdef __cplusplus
 }

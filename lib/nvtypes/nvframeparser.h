@@ -12,6 +12,7 @@
 // Not thread-safe: one parser per stream, fed from one thread; a callback must not feed
 // the parser that calls it.
 
+#include "nvexport.h"
 #include "nvmessage.h"
 
 #include <cstddef>
@@ -35,7 +36,7 @@ struct NvFrameView
     NvMessage toMessage() const { return NvMessage::fromFrame(frame, size); }
 };
 
-class NvFrameParser
+class NV_API NvFrameParser
 {
 public:
     struct Counters

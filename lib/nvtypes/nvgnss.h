@@ -3,13 +3,14 @@
 // Records carried by time and GNSS data items, and the GNSS status reply.
 
 #include "nvbytes.h"
+#include "nvexport.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <vector>
 
 // UTC time item (0x1010) and Req/SetUtcTime (0x60): 12 bytes.
-struct NvUtcTime
+struct NV_API NvUtcTime
 {
     enum Flags : uint8_t
     {
@@ -29,12 +30,12 @@ struct NvUtcTime
     static constexpr size_t WireSize = 12;
     void toWire(uint8_t* out) const;
     static NvUtcTime fromWire(const uint8_t* in);
-    friend bool operator==(const NvUtcTime& a, const NvUtcTime& b);
+    NV_API friend bool operator==(const NvUtcTime& a, const NvUtcTime& b);
     friend bool operator!=(const NvUtcTime& a, const NvUtcTime& b) { return !(a == b); }
 };
 
 // GNSS PVT data item (0x7010): 94 bytes, all fields big-endian, in this order.
-struct NvGnssPvt
+struct NV_API NvGnssPvt
 {
     enum FixType : uint8_t
     {
@@ -101,7 +102,7 @@ struct NvGnssPvt
 
     double latitudeDeg() const { return lat * 1e-7; }
     double longitudeDeg() const { return lon * 1e-7; }
-    friend bool operator==(const NvGnssPvt& a, const NvGnssPvt& b);
+    NV_API friend bool operator==(const NvGnssPvt& a, const NvGnssPvt& b);
     friend bool operator!=(const NvGnssPvt& a, const NvGnssPvt& b) { return !(a == b); }
 };
 
@@ -134,10 +135,10 @@ struct NvGnssSatellite
     uint8_t flags = 0;
     int8_t elevation = 0; // degrees
     uint8_t azimuth2 = 0; // degrees / 2
-    friend bool operator==(const NvGnssSatellite& a, const NvGnssSatellite& b);
+    NV_API friend bool operator==(const NvGnssSatellite& a, const NvGnssSatellite& b);
 };
 
-struct NvGnssSatInfo
+struct NV_API NvGnssSatInfo
 {
     uint32_t timeOfWeek = 0;                 // ms
     std::vector<NvGnssSatellite> satellites; // at most 255 (a packet holds fewer)
@@ -146,11 +147,11 @@ struct NvGnssSatInfo
     NvByteArray toWire() const;
     // False when the size does not match the count.
     static bool fromWire(const uint8_t* in, size_t size, NvGnssSatInfo& out);
-    friend bool operator==(const NvGnssSatInfo& a, const NvGnssSatInfo& b);
+    NV_API friend bool operator==(const NvGnssSatInfo& a, const NvGnssSatInfo& b);
 };
 
 // Reply to ReqGnssStatus (0xA7): count (1), then per satellite system, id, C/N0, flags.
-struct NvGpsStatus
+struct NV_API NvGpsStatus
 {
     struct Satellite
     {

@@ -7,6 +7,7 @@
 
 #include "nvdeviceid.h"
 #include "nvenums.h"
+#include "nvexport.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -21,7 +22,7 @@ enum class NvRejectReason : uint8_t
     SystemOperational = 4,
 };
 
-struct KvwInfo
+struct NV_API KvwInfo
 {
     enum Flags : uint8_t
     {
@@ -49,6 +50,6 @@ struct KvwInfo
     // `masterId` is left empty.
     static KvwInfo fromWire(const uint8_t* in);
 
-    friend bool operator==(const KvwInfo& a, const KvwInfo& b);
+    NV_API friend bool operator==(const KvwInfo& a, const KvwInfo& b);
     friend bool operator!=(const KvwInfo& a, const KvwInfo& b) { return !(a == b); }
 };

@@ -17,10 +17,11 @@
 //   yaw 90 in ENU.
 
 #include "nvenums.h"
+#include "nvexport.h"
 
 #include <cmath>
 
-struct NvVector3
+struct NV_API NvVector3
 {
     double x = 0.0;
     double y = 0.0;
@@ -61,7 +62,7 @@ struct NvVector3
 };
 
 // 3x3 matrix, m[row][column].
-struct NvMatrix3
+struct NV_API NvMatrix3
 {
     double m[3][3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
 
@@ -79,14 +80,14 @@ struct NvMatrix3
     NvVector3 row(int r) const { return {m[r][0], m[r][1], m[r][2]}; }
     NvVector3 column(int c) const { return {m[0][c], m[1][c], m[2][c]}; }
 
-    friend NvMatrix3 operator*(const NvMatrix3& a, const NvMatrix3& b);
+    NV_API friend NvMatrix3 operator*(const NvMatrix3& a, const NvMatrix3& b);
     friend NvVector3 operator*(const NvMatrix3& a, const NvVector3& v)
     {
         return {a.m[0][0] * v.x + a.m[0][1] * v.y + a.m[0][2] * v.z,
                 a.m[1][0] * v.x + a.m[1][1] * v.y + a.m[1][2] * v.z,
                 a.m[2][0] * v.x + a.m[2][1] * v.y + a.m[2][2] * v.z};
     }
-    friend bool operator==(const NvMatrix3& a, const NvMatrix3& b);
+    NV_API friend bool operator==(const NvMatrix3& a, const NvMatrix3& b);
     friend bool operator!=(const NvMatrix3& a, const NvMatrix3& b) { return !(a == b); }
 };
 
@@ -101,7 +102,7 @@ struct NvEuler
     constexpr NvEuler(double r, double p, double y) : roll(r), pitch(p), yaw(y) {}
 };
 
-struct NvQuaternion
+struct NV_API NvQuaternion
 {
     double w = 1.0;
     double x = 0.0;
@@ -145,8 +146,8 @@ struct NvQuaternion
     friend bool operator!=(const NvQuaternion& a, const NvQuaternion& b) { return !(a == b); }
 };
 
-NvMatrix3 nvMatrixFromEuler(const NvEuler& e);
-NvEuler nvEulerFromMatrix(const NvMatrix3& r);
+NV_API NvMatrix3 nvMatrixFromEuler(const NvEuler& e);
+NV_API NvEuler nvEulerFromMatrix(const NvMatrix3& r);
 
 constexpr double nvDegToRad(double deg)
 {
@@ -165,18 +166,20 @@ constexpr double nvRadToDeg(double rad)
 // transform with C, sensor-frame vectors (acceleration, Δv, rate of turn, magnetic
 // field) with S.
 
-NvMatrix3 nvReferenceRotation(NvCoordinateFrame frame);
-NvMatrix3 nvSensorRotation(NvCoordinateFrame frame);
+NV_API NvMatrix3 nvReferenceRotation(NvCoordinateFrame frame);
+NV_API NvMatrix3 nvSensorRotation(NvCoordinateFrame frame);
 
-NvQuaternion nvOrientationToFrame(const NvQuaternion& q, NvCoordinateFrame from,
-                                  NvCoordinateFrame to);
-NvMatrix3 nvOrientationToFrame(const NvMatrix3& r, NvCoordinateFrame from, NvCoordinateFrame to);
-NvVector3 nvNavigationVectorToFrame(const NvVector3& v, NvCoordinateFrame from,
-                                    NvCoordinateFrame to);
-NvVector3 nvSensorVectorToFrame(const NvVector3& v, NvCoordinateFrame from, NvCoordinateFrame to);
+NV_API NvQuaternion nvOrientationToFrame(const NvQuaternion& q, NvCoordinateFrame from,
+                                         NvCoordinateFrame to);
+NV_API NvMatrix3 nvOrientationToFrame(const NvMatrix3& r, NvCoordinateFrame from,
+                                      NvCoordinateFrame to);
+NV_API NvVector3 nvNavigationVectorToFrame(const NvVector3& v, NvCoordinateFrame from,
+                                           NvCoordinateFrame to);
+NV_API NvVector3 nvSensorVectorToFrame(const NvVector3& v, NvCoordinateFrame from,
+                                       NvCoordinateFrame to);
 // A rotation increment (Δq) lives in the sensor frame: its axis turns with S.
-NvQuaternion nvSensorRotationToFrame(const NvQuaternion& dq, NvCoordinateFrame from,
-                                     NvCoordinateFrame to);
+NV_API NvQuaternion nvSensorRotationToFrame(const NvQuaternion& dq, NvCoordinateFrame from,
+                                            NvCoordinateFrame to);
 
 // Which of the above applies to a quantity's 3-vector.
 enum class NvVectorFrameKind
@@ -185,4 +188,4 @@ enum class NvVectorFrameKind
     Sensor,     // acceleration, Δv, rate of turn, magnetic field, their HR forms
     Navigation, // free acceleration, velocity
 };
-NvVectorFrameKind nvVectorFrameKind(NvDataIdentifier id);
+NV_API NvVectorFrameKind nvVectorFrameKind(NvDataIdentifier id);

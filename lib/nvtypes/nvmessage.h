@@ -11,6 +11,7 @@
 //   master.
 
 #include "nvbytes.h"
+#include "nvexport.h"
 
 #include <atomic>
 #include <cstddef>
@@ -164,7 +165,7 @@ enum : uint16_t
 }
 
 // The English name of a message identifier ("GoToConfig"); "Unknown" otherwise.
-const char* nvMessageIdName(uint8_t messageId);
+NV_API const char* nvMessageIdName(uint8_t messageId);
 
 // Why a byte range is or is not one whole frame.
 enum class NvFrameCheck
@@ -176,13 +177,13 @@ enum class NvFrameCheck
     SizeMismatch, // more bytes than the declared length needs
     BadChecksum,
 };
-const char* nvFrameCheckText(NvFrameCheck check);
+NV_API const char* nvFrameCheckText(NvFrameCheck check);
 
 namespace nvdetail {
 // A reference-counted byte block: a frame and an optional extra area that a data
 // packet keeps its item index in. One allocation; copying a handle is one atomic
 // increment.
-class FrameBlock
+class NV_API FrameBlock
 {
 public:
     FrameBlock() = default;
@@ -217,7 +218,7 @@ private:
 // A message: the whole frame, always with a correct length and (when built here) a
 // correct checksum. Immutable bytes shared between copies; the setters copy first when
 // the bytes are shared. The default message is empty (no frame, not valid).
-class NvMessage
+class NV_API NvMessage
 {
 public:
     static constexpr uint8_t Preamble = 0xFA;
@@ -299,7 +300,7 @@ public:
     bool writeF64(size_t offset, double value);
 
     // Same frame bytes.
-    friend bool operator==(const NvMessage& a, const NvMessage& b);
+    NV_API friend bool operator==(const NvMessage& a, const NvMessage& b);
     friend bool operator!=(const NvMessage& a, const NvMessage& b) { return !(a == b); }
 
 private:

@@ -6,6 +6,7 @@
 
 #include "nvbytes.h"
 #include "nvenums.h"
+#include "nvexport.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -45,11 +46,11 @@ constexpr size_t NvOutputConfigurationRecordSize = 4;
 constexpr size_t NvOutputConfigurationMaxRecords = 32;
 
 // The wire records of an array; false (and `out` untouched) for more than 32 records.
-bool nvOutputConfigurationToWire(const NvOutputConfigurationArray& config, NvByteArray& out);
-NvByteArray nvOutputConfigurationToWire(const NvOutputConfigurationArray& config);
+NV_API bool nvOutputConfigurationToWire(const NvOutputConfigurationArray& config, NvByteArray& out);
+NV_API NvByteArray nvOutputConfigurationToWire(const NvOutputConfigurationArray& config);
 // False for a size that is not a multiple of 4 or more than 32 records.
-bool nvOutputConfigurationFromWire(const uint8_t* data, size_t size,
-                                   NvOutputConfigurationArray& out);
+NV_API bool nvOutputConfigurationFromWire(const uint8_t* data, size_t size,
+                                          NvOutputConfigurationArray& out);
 // The record of a quantity (format bits ignored), or null.
-const NvOutputConfiguration* nvFindOutput(const NvOutputConfigurationArray& config,
-                                          NvDataIdentifier quantity);
+NV_API const NvOutputConfiguration* nvFindOutput(const NvOutputConfigurationArray& config,
+                                                 NvDataIdentifier quantity);

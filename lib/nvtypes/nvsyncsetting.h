@@ -7,12 +7,13 @@
 
 #include "nvbytes.h"
 #include "nvenums.h"
+#include "nvexport.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <vector>
 
-struct NvSyncSetting
+struct NV_API NvSyncSetting
 {
     NvSyncLine line = NSL_IN1;
     NvSyncFunction function = NSF_NONE;
@@ -30,17 +31,17 @@ struct NvSyncSetting
 
     bool isInput() const { return line <= NSL_GNSS_1PPS; }
 
-    friend bool operator==(const NvSyncSetting& a, const NvSyncSetting& b);
+    NV_API friend bool operator==(const NvSyncSetting& a, const NvSyncSetting& b);
     friend bool operator!=(const NvSyncSetting& a, const NvSyncSetting& b) { return !(a == b); }
 };
 
 using NvSyncSettingArray = std::vector<NvSyncSetting>;
 
-NvByteArray nvSyncSettingsToWire(const NvSyncSettingArray& settings);
+NV_API NvByteArray nvSyncSettingsToWire(const NvSyncSettingArray& settings);
 // False for a size that is not a multiple of 18.
-bool nvSyncSettingsFromWire(const uint8_t* data, size_t size, NvSyncSettingArray& out);
+NV_API bool nvSyncSettingsFromWire(const uint8_t* data, size_t size, NvSyncSettingArray& out);
 
 // English names as a settings page shows them; "Unknown" outside the tables.
-const char* nvSyncLineName(int line);
-const char* nvSyncFunctionName(int function);
-const char* nvSyncPolarityName(int polarity);
+NV_API const char* nvSyncLineName(int line);
+NV_API const char* nvSyncFunctionName(int function);
+NV_API const char* nvSyncPolarityName(int polarity);

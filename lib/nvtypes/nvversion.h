@@ -4,11 +4,12 @@
 // revision (1 byte each), build number (4) and change number (4); the HardwareVersion
 // reply (0x1F) major and minor.
 
+#include "nvexport.h"
 #include <cstddef>
 #include <cstdint>
 #include <string>
 
-struct NvVersion
+struct NV_API NvVersion
 {
     uint8_t major = 0;
     uint8_t minor = 0;

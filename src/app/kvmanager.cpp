@@ -198,6 +198,11 @@ void KvManager::constructHardwareScanner()
     connect(h, &HardwareScanner::scanForHardwareStateChanged, this,
             &KvManager::handleScanForHardwareStateChanged);
     connect(h, &HardwareScanner::scanLogEvent, this, &KvManager::addMessageToScanLog);
+    // allowNonNivraDevices: what talks on a port without speaking Nbus is named, not opened.
+    connect(h, &HardwareScanner::foreignDeviceFound, this,
+            [this](const QString& port, const QString& description) {
+                addMessageToMessageWindow(tr("Port %1: %2 (not opened)").arg(port, description));
+            });
 }
 
 void KvManager::destructHardwareScanner()
@@ -379,9 +384,11 @@ void KvManager::handleScanForHardwareCompleted()
 {
     statusBar()->showMessage(tr("Reloading devices. Please wait... "));
     holdOpenDevices();
-    // The devices measure from the start; followers before the devices they follow.
-    m_deviceController->gotoMeasurementAll();
+    // The tree reads what it shows from the devices while they are still in configuration;
+    // then they measure (on the controller's thread), followers before the devices they
+    // follow.
     reloadDeviceList();
+    m_deviceController->gotoMeasurementAll();
     statusBar()->clearMessage();
 }
 

@@ -3,7 +3,9 @@
 #include "ndacontrol.h"
 #include "ndadevice.h"
 #include "ndadeviceselection.h"
+#include "ndameasurementstarterworker.h"
 
+#include <QPointer>
 #include <QSettings>
 
 DeviceController::DeviceController(DeviceControllerHost& host, NdaControl& control, QObject* parent)
@@ -24,9 +26,105 @@ DeviceController::DeviceController(DeviceControllerHost& host, NdaControl& contr
             &DeviceController::handleDeviceStateChange);
     connect(&control, &NdaControl::deviceDestroyedByNda, this,
             &DeviceController::handleDeviceDestroyedByNda);
+    m_worker.setObjectName(QStringLiteral("DeviceModeChanges"));
+    m_workerContext = new QObject;
+    m_workerContext->moveToThread(&m_worker);
+    connect(&m_worker, &QThread::finished, m_workerContext, &QObject::deleteLater);
+    m_worker.start();
 }
 
-DeviceController::~DeviceController() = default;
+DeviceController::~DeviceController()
+{
+    // A job in progress ends quickly once the ports are closed (the control is closed
+    // before the controller goes); the jobs behind it find no devices.
+    m_worker.quit();
+    m_worker.wait();
+    for (NdaMeasurementStarterWorker* starter : m_starters)
+        delete starter;
+}
+
+void DeviceController::queue(std::function<bool()> job, std::function<void()> after)
+{
+    ++m_pendingJobs;
+    // The worker thread runs while the controller lives (its destructor waits for it), so
+    // `this` is valid there; the answer is dropped if the controller is gone by then.
+    QMetaObject::invokeMethod(
+        m_workerContext,
+        [this, job = std::move(job), after = std::move(after)] {
+            const bool ok = job();
+            QMetaObject::invokeMethod(
+                this,
+                [this, ok, after] {
+                    if (after)
+                        after();
+                    jobDone(ok);
+                },
+                Qt::QueuedConnection);
+        },
+        Qt::QueuedConnection);
+}
+
+void DeviceController::jobDone(bool success)
+{
+    m_jobsSucceeded = m_jobsSucceeded && success;
+    if (--m_pendingJobs > 0)
+        return;
+    const bool all = m_jobsSucceeded;
+    m_jobsSucceeded = true;
+    emit modeChangesDone(all);
+}
+
+bool DeviceController::startMeasuring(const NvDeviceIdArray& ordered)
+{
+    std::vector<NdaMeasurementStarterWorker*> starters;
+    bool valid = true;
+    for (const NvDeviceId& id : ordered) {
+        auto* starter = new NdaMeasurementStarterWorker(m_control, id);
+        valid = starter->isDeviceValid() && valid;
+        starters.push_back(starter);
+        m_starters.push_back(starter);
+    }
+    queue(
+        [starters] {
+            bool ok = true;
+            for (NdaMeasurementStarterWorker* starter : starters) {
+                starter->doWork();
+                ok = starter->getResult() && ok;
+            }
+            return ok;
+        },
+        [this, starters] {
+            for (NdaMeasurementStarterWorker* starter : starters) {
+                m_starters.remove(starter);
+                delete starter;
+            }
+        });
+    return valid;
+}
+
+bool DeviceController::stopMeasuring(const NvDeviceIdArray& ordered)
+{
+    NdaControl* control = &m_control;
+    queue([control, ordered] {
+        bool ok = true;
+        for (const NvDeviceId& id : ordered) {
+            const NvDeviceRef device = control->libraryDeviceRef(id);
+            if (!device)
+                continue; // gone meanwhile, and reported as such
+            if (NvDevice_isRecording(device))
+                NvDevice_stopRecording(device);
+            if (NvDevice_gotoConfig(device))
+                continue;
+            ok = false;
+            QMetaObject::invokeMethod(
+                control,
+                [control, id] { emit control->error(id, NRV_COULD_NOT_GO_TO_CONFIGURATION); },
+                Qt::QueuedConnection);
+        }
+        return ok;
+    });
+    return !ordered.empty();
+}
 
 bool DeviceController::forAll(const NdaDeviceSelection& selection, const Step& step)
 {
@@ -47,8 +145,13 @@ bool DeviceController::forAllReversed(const NdaDeviceSelection& selection, const
 
 bool DeviceController::gotoConfig(const NvDeviceIdArray& ids)
 {
-    return forAllReversed(m_control.requestDeviceSelection(ids),
-                          [this](NdaDevice& device) { return gotoConfig(device); });
+    NvDeviceIdArray ordered;
+    forAllReversed(m_control.requestDeviceSelection(ids), [&ordered](NdaDevice& device) {
+        ordered.push_back(device.deviceId());
+        return true;
+    });
+    return stopMeasuring(ordered) &&
+           ordered.size() == std::set<NvDeviceId>(ids.begin(), ids.end()).size();
 }
 
 bool DeviceController::gotoConfigAll()
@@ -58,8 +161,13 @@ bool DeviceController::gotoConfigAll()
 
 bool DeviceController::gotoMeasurement(const NvDeviceIdArray& ids)
 {
-    return forAll(m_control.requestDeviceSelection(ids),
-                  [this](NdaDevice& device) { return gotoMeasurement(device); });
+    NvDeviceIdArray ordered;
+    forAll(m_control.requestDeviceSelection(ids), [&ordered](NdaDevice& device) {
+        ordered.push_back(device.deviceId());
+        return true;
+    });
+    return startMeasuring(ordered) &&
+           ordered.size() == std::set<NvDeviceId>(ids.begin(), ids.end()).size();
 }
 
 bool DeviceController::gotoMeasurementAll()
@@ -91,14 +199,14 @@ bool DeviceController::abortFlushingAll()
 
 bool DeviceController::gotoConfig(NdaDevice& device)
 {
-    return device.gotoConfig();
+    return stopMeasuring({device.deviceId()});
 }
 
 bool DeviceController::gotoMeasurement(NdaDevice& device)
 {
-    // A mode change is one request and its acknowledgement, which the library reports
-    // before the call returns: short enough for the GUI thread, so no worker thread here.
-    return device.gotoMeasurement();
+    // A device that does not answer keeps the request waiting for its time-out: not on the
+    // GUI thread.
+    return startMeasuring({device.deviceId()});
 }
 
 bool DeviceController::stopRecording(NdaDevice& device)
@@ -113,8 +221,8 @@ bool DeviceController::abortFlushing(NdaDevice& device)
     // The first two may find nothing left to end; what counts is measuring again.
     device.abortFlushing();
     device.stopRecording();
-    const bool config = device.gotoConfig();
-    const bool measuring = device.gotoMeasurement();
+    const bool config = gotoConfig(device);
+    const bool measuring = gotoMeasurement(device);
     return config && measuring;
 }
 
@@ -130,9 +238,10 @@ bool DeviceController::startRecording(NdaDevice& device)
         return false;
     }
     if (QSettings().value(QStringLiteral("advanced/filterresetbeforerecording"), false).toBool()) {
-        // Restarting the measurement starts the filters afresh for the recording.
-        gotoConfig(device);
-        gotoMeasurement(device);
+        // Restarting the measurement starts the filters afresh for the recording; here and
+        // now, since the recording starts next.
+        device.gotoConfig();
+        device.gotoMeasurement();
     }
     if (!device.startRecording()) {
         device.closeLogFile();

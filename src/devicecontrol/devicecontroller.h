@@ -9,13 +9,18 @@
 #include <QIODevice>
 #include <QObject>
 #include <QString>
+#include <QThread>
 
 #include <functional>
+#include <list>
 #include <map>
+#include <set>
+#include <vector>
 
 class NdaControl;
 class NdaDevice;
 class NdaDeviceSelection;
+class NdaMeasurementStarterWorker;
 
 class DeviceControllerHost
 {
@@ -40,8 +45,11 @@ public:
     DeviceControllerHost& kvManager() const { return m_host; }
     NdaControl& control() const { return m_control; }
 
-    // Groups; each answers whether every device succeeded. Followers start measuring
-    // before the devices that give them the signal, and stop after them.
+    // Groups. Followers start measuring before the devices that give them the signal, and
+    // stop after them. Mode changes run on the controller's worker thread, one after the
+    // other in the order they were asked for, so a silent device never blocks the GUI; they
+    // answer whether every device was there to ask, and failures arrive as the control's
+    // error signal (305 and 306) and in modeChangesDone.
     bool gotoConfig(const NvDeviceIdArray& ids);
     bool gotoConfigAll();
     bool gotoMeasurement(const NvDeviceIdArray& ids);
@@ -65,8 +73,13 @@ public:
 
     size_t numberOfMeasuringDevices() const { return m_measuringCount; }
 
+    // Whether mode changes asked for are still running.
+    bool isChangingModes() const { return m_pendingJobs > 0; }
+
 signals:
     void numberOfMeasuringDevicesChanged(size_t previous, size_t current);
+    // Every mode change asked for so far has run; `success`: each device got there.
+    void modeChangesDone(bool success);
 
 public slots:
     void handleDeviceStateChange(const NvDeviceId& id, NdaDeviceState::Type newState,
@@ -76,6 +89,14 @@ public slots:
 private:
     bool currentlyMeasuring(const NvDeviceId& id) const;
     void recount();
+    // Starts measurement on each device in turn (each confirmed before the next starts).
+    bool startMeasuring(const NvDeviceIdArray& ordered);
+    // Stops recording and measurement on each device in turn.
+    bool stopMeasuring(const NvDeviceIdArray& ordered);
+    // Runs `job` on the worker thread after what was queued before (it answers success),
+    // then `after` on the GUI thread.
+    void queue(std::function<bool()> job, std::function<void()> after = {});
+    void jobDone(bool success);
 
     DeviceControllerHost& m_host;
     NdaControl& m_control;
@@ -83,4 +104,11 @@ private:
     // has moved on, so asking it would count devices whose change is still on its way.
     std::map<NvDeviceId, NdaDeviceState::Type> m_states;
     size_t m_measuringCount = 0;
+
+    QThread m_worker;
+    QObject* m_workerContext = nullptr; // lives on m_worker
+    // Starters waiting for or in their job; made and deleted on the GUI thread.
+    std::list<NdaMeasurementStarterWorker*> m_starters;
+    int m_pendingJobs = 0;
+    bool m_jobsSucceeded = true;
 };

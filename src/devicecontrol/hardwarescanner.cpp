@@ -35,6 +35,8 @@ HardwareScanner::HardwareScanner(NdaControl& control, QWidget* dialogParent, QOb
     connect(&control, &NdaControl::scanForHardwareCompleted, this, &HardwareScanner::onCompleted);
     connect(&control, &NdaControl::scanForHardwareAborted, this, &HardwareScanner::onAborted);
     connect(&control, &NdaControl::scanLogEvent, this, &HardwareScanner::scanLogEvent);
+    connect(&control, &NdaControl::scanForHardwareForeignDevice, this,
+            &HardwareScanner::foreignDeviceFound);
 }
 
 HardwareScanner::~HardwareScanner()

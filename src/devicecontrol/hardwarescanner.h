@@ -35,6 +35,8 @@ signals:
     void scanForHardwareStateChanged(bool scanning);
     void scanForHardwareProgressChanged(int progress);
     void scanLogEvent(QString line);
+    // A device of another maker, heard on `port` when allowNonNivraDevices is on.
+    void foreignDeviceFound(const QString& port, const QString& description);
 
 private slots:
     void onStarted();

@@ -60,9 +60,9 @@ NdaControl::~NdaControl()
     NvControl_destruct(m_control);
 }
 
-NvDevice* NdaControl::lib(const NvDeviceId& id) const
+NvDeviceRef NdaControl::lib(const NvDeviceId& id) const
 {
-    return id.isEmpty() ? nullptr : NvControl_device(m_control, &id);
+    return id.isEmpty() ? NvDeviceRef() : nvDeviceRef(m_control, id);
 }
 
 // ------------------------------------------------------------------------ Device lifetime
@@ -71,7 +71,7 @@ NdaDevice& NdaControl::requestDevice(const NvDeviceId& id)
 {
     if (id.isEmpty())
         return *m_invalid;
-    NvDevice* device = lib(id);
+    const NvDeviceRef device = lib(id);
     auto it = m_devices.find(id);
     if (it != m_devices.end()) {
         NvDevice* held = it->second.first->libraryDevice();
@@ -168,7 +168,7 @@ NdaDevice& NdaControl::requestFileDevice(const QString& path)
     applyOptionFlags();
     // The file's devices are those reading from this file; the first is the one asked for.
     for (const NvDeviceId& id : mainDeviceIds()) {
-        NvDevice* device = lib(id);
+        const NvDeviceRef device = lib(id);
         NvString file;
         NvDevice_fileName(device, &file);
         if (NvDevice_isReadingFromFile(device) && file == name)
@@ -269,6 +269,8 @@ void NdaControl::scanForHardware(const QString& port, int baudRate)
     connect(t, &NdaScanForHardwareThread::openingPort, this,
             &NdaControl::scanForHardwareOpeningPort);
     connect(t, &NdaScanForHardwareThread::scanLogEvent, this, &NdaControl::scanLogEvent);
+    connect(t, &NdaScanForHardwareThread::foreignDeviceFound, this,
+            &NdaControl::scanForHardwareForeignDevice);
     connect(t, &QThread::finished, this, &NdaControl::handleScanForHardwareFinished);
     emit scanForHardwareStarted();
     t->start(QThread::InheritPriority);
@@ -368,7 +370,7 @@ NvDeviceIdArray NdaControl::wirelessMasterIds() const
 {
     NvDeviceIdArray out;
     for (const NvDeviceId& id : mainDeviceIds())
-        if (NvDevice_isMasterDevice(lib(id)))
+        if (NvDevice_isMasterDevice(lib(id).get()))
             out.push_back(id);
     return out;
 }
@@ -376,11 +378,11 @@ NvDeviceIdArray NdaControl::wirelessMasterIds() const
 NvDeviceIdArray NdaControl::childDeviceIds(const NvDeviceId& id) const
 {
     NvDeviceIdArray out;
-    NvDevice* parent = lib(id);
+    const NvDeviceRef parent = lib(id);
     if (!parent)
         return out;
     for (const NvDeviceId& child : deviceIds())
-        if (NvDevice_masterDevice(lib(child)) == parent)
+        if (NvDevice_masterDevice(lib(child).get()) == parent)
             out.push_back(child);
     return out;
 }
@@ -392,9 +394,9 @@ int NdaControl::deviceCount() const
 
 // A query on the library device, or the neutral value when it is not there.
 template <typename T, typename F>
-static T ask(NvDevice* device, T neutral, F&& f)
+static T ask(const NvDeviceRef& device, T neutral, F&& f)
 {
-    return device ? T(f(device)) : neutral;
+    return device ? T(f(device.get())) : neutral;
 }
 
 bool NdaControl::isInTransportMode(const NvDeviceId& id) const
@@ -417,7 +419,7 @@ bool NdaControl::isInStringOutputMode(const NvDeviceId& id) const
 NvOutputConfigurationArray NdaControl::outputConfiguration(const NvDeviceId& id) const
 {
     NvOutputConfigurationArray out;
-    if (NvDevice* d = lib(id))
+    if (const NvDeviceRef d = lib(id))
         NvDevice_outputConfiguration(d, &out);
     return out;
 }
@@ -455,7 +457,7 @@ bool NdaControl::isReadingFromFile(const NvDeviceId& id) const
 QString NdaControl::productCode(const NvDeviceId& id) const
 {
     NvString code;
-    if (NvDevice* d = lib(id))
+    if (const NvDeviceRef d = lib(id))
         NvDevice_productCode(d, &code);
     return QString::fromStdString(code);
 }
@@ -463,7 +465,7 @@ QString NdaControl::productCode(const NvDeviceId& id) const
 NvDeviceId NdaControl::getMasterId(const NvDeviceId& id) const
 {
     NvDeviceId out;
-    if (NvDevice* d = lib(id))
+    if (const NvDeviceRef d = lib(id))
         NvDevice_deviceId(NvDevice_masterDevice(d), &out);
     return out;
 }
@@ -476,7 +478,7 @@ bool NdaControl::deviceUsesOnboardFiltering(const NvDeviceId& id) const
 
 bool NdaControl::deviceUsesUsb(const NvDeviceId& id) const
 {
-    NvDevice* d = lib(id);
+    const NvDeviceRef d = lib(id);
     if (!d)
         return false;
     NvString port;
@@ -488,7 +490,7 @@ int NdaControl::getUpdateRate(const NvDeviceId& id) const
 {
     if (const NdaDevice* existing = getExistingDevice(id))
         return existing->updateRate();
-    NdaDevice probe(const_cast<NdaControl&>(*this), lib(id));
+    NdaDevice probe(const_cast<NdaControl&>(*this), lib(id).get());
     return probe.updateRate();
 }
 
@@ -505,7 +507,7 @@ NvBaudRate NdaControl::getSerialBaudRate(const NvDeviceId& id) const
 QString NdaControl::getPortName(const NvDeviceId& id) const
 {
     NvString name;
-    if (NvDevice* d = lib(id))
+    if (const NvDeviceRef d = lib(id))
         NvDevice_portName(d, &name);
     return QString::fromStdString(name);
 }
@@ -513,7 +515,7 @@ QString NdaControl::getPortName(const NvDeviceId& id) const
 NvFilterProfileArray NdaControl::availableOnboardFilterProfiles(const NvDeviceId& id) const
 {
     NvFilterProfileArray out;
-    NvDevice* d = lib(id);
+    const NvDeviceRef d = lib(id);
     if (d && !NvDevice_isReadingFromFile(d))
         NvDevice_availableFilterProfiles(d, &out);
     return out;
@@ -530,7 +532,7 @@ NvFilterProfileArray NdaControl::availableNdaFilterProfiles(const NvDeviceId& id
 NvSyncSettingArray NdaControl::supportedSyncSettings(const NvDeviceId& id) const
 {
     NvSyncSettingArray out;
-    if (NvDevice* d = lib(id))
+    if (const NvDeviceRef d = lib(id))
         NvDevice_supportedSyncSettings(d, &out);
     return out;
 }
@@ -538,7 +540,7 @@ NvSyncSettingArray NdaControl::supportedSyncSettings(const NvDeviceId& id) const
 NvIntArray NdaControl::supportedUpdateRates(const NvDeviceId& id, NvDataIdentifier dataId) const
 {
     NvIntArray out;
-    if (NvDevice* d = lib(id))
+    if (const NvDeviceRef d = lib(id))
         NvDevice_supportedUpdateRates(d, dataId, &out);
     return out;
 }
@@ -546,7 +548,7 @@ NvIntArray NdaControl::supportedUpdateRates(const NvDeviceId& id, NvDataIdentifi
 NvSyncSettingArray NdaControl::syncSettings(const NvDeviceId& id) const
 {
     NvSyncSettingArray out;
-    if (NvDevice* d = lib(id))
+    if (const NvDeviceRef d = lib(id))
         NvDevice_syncSettings(d, &out);
     return out;
 }
@@ -705,7 +707,7 @@ bool NdaControl::requestBatteryLevel(const NvDeviceId& id)
 
 bool NdaControl::requestGpsStatus(const NvDeviceId& id)
 {
-    NvDevice* d = lib(id);
+    const NvDeviceRef d = lib(id);
     if (!d || !NvDevice_requestGnssStatus(d))
         return false;
     NvGpsStatus status;
@@ -753,7 +755,7 @@ bool NdaControl::setDeviceRejected(const NvDeviceId& master, const NvDeviceId& c
 
 bool NdaControl::switchOff(const NvDeviceId& id)
 {
-    NvDevice* d = lib(id);
+    const NvDeviceRef d = lib(id);
     if (!d)
         return false;
     bool ok = gotoConfig(id);

@@ -38,6 +38,9 @@ public:
     NdaDeviceSelection requestDeviceSelection(const std::set<NvDeviceId>& ids);
     NdaDeviceSelection requestDeviceSelection(const NvDeviceIdArray& ids);
     NdaDevice* getExistingDevice(const NvDeviceId& id) const;
+    // The library's device, referenced while the answer lives; any thread may ask (a
+    // worker that must not touch wrappers, which belong to the GUI thread).
+    NvDeviceRef libraryDeviceRef(const NvDeviceId& id) const { return lib(id); }
     const NdaDevice* getExistingConstDevice(const NvDeviceId& id) const;
     bool isValidExistingDevice(const NvDeviceId& id) const;
     NdaDevice& getInvalidDevice() const { return *m_invalid; }
@@ -154,6 +157,8 @@ signals:
     void scanForHardwareProgressChanged(int progress);
     void scanForHardwareOpeningPort(const QString& port, int baudRate);
     void scanLogEvent(QString line);
+    // A scan heard a device of another maker on `port` (allowNonNivraDevices); not opened.
+    void scanForHardwareForeignDevice(const QString& port, const QString& description);
     void aboutToCloseDevice(const NvDeviceId& id);
     void deviceDestroyedByNda(const NvDeviceId& id);
 
@@ -174,7 +179,7 @@ private:
     void handleDeviceDestroyed(const NvDeviceId& id); // GUI thread (posted)
     void deleteEntry(const NvDeviceId& id);
     void applyOptionFlags();
-    NvDevice* lib(const NvDeviceId& id) const;
+    NvDeviceRef lib(const NvDeviceId& id) const;
 
     NvControl* m_control = nullptr;
     bool m_closing = false;

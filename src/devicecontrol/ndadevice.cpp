@@ -3,6 +3,7 @@
 #include "ndacontrol.h"
 #include "ndadeviceobserver.h"
 
+#include <QCoreApplication>
 #include <QMutexLocker>
 
 #include <algorithm>
@@ -235,6 +236,21 @@ void NdaDevice::updateNdaDeviceState()
         return;
     onNdaDeviceStateChanged(dev, NdaDeviceState::fromNvDeviceState(NvDevice_deviceState(dev)),
                             ndaDeviceState());
+}
+
+void NdaDevice::markStartingMeasurement()
+{
+    if (!handle())
+        return;
+    // Decided and posted under the state lock that the library's news takes to update the
+    // state, so the events arrive in the order the states were taken.
+    QMutexLocker stateLock(&m_stateMutex);
+    const NdaDeviceState::Type old = m_state;
+    if (NdaDeviceState::isFileState(old) || NdaDeviceState::isMeasuring(old) ||
+        old == NdaDeviceState::StartingMeasurement || old == NdaDeviceState::Destroyed)
+        return;
+    m_state = NdaDeviceState::StartingMeasurement;
+    QCoreApplication::postEvent(this, new DeviceStateChangeEvent(m_id, m_state, old));
 }
 
 bool NdaDevice::isInConfigMode() const
@@ -841,18 +857,21 @@ void NdaDevice::onFlushingProgressCompleted(const NvDeviceId&, const QString&, i
 // ---------------------------------------------------------------------------- Pauser
 
 NdaDeviceMeasurementPauser::NdaDeviceMeasurementPauser(NdaDevice& device, bool pauseMaster)
+    : m_control(device.control())
 {
     NdaDevice* master = &device;
     if (pauseMaster && !device.masterId().isEmpty())
         master = device.masterDevice();
     if (master && master->isValid() && master->isMeasuring() && !master->isReadingFromFile() &&
         master->gotoConfig())
-        m_paused = master;
+        m_paused = master->deviceId();
     m_wasInConfigMode = device.isInConfigMode();
 }
 
 NdaDeviceMeasurementPauser::~NdaDeviceMeasurementPauser()
 {
-    if (m_paused && !m_paused->gotoMeasurement())
-        emit m_paused->control().error(m_paused->deviceId(), NRV_COULD_NOT_GO_TO_MEASUREMENT);
+    // A failure is reported (305) by the go-to-measurement itself; a device that went away
+    // meanwhile has nothing to resume.
+    if (!m_paused.isEmpty())
+        m_control.gotoMeasurement(m_paused);
 }

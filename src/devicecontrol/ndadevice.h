@@ -44,6 +44,9 @@ public:
     NdaDeviceState::Type ndaDeviceState() const;
     void setNdaDeviceState(NdaDeviceState::Type state);
     void updateNdaDeviceState();
+    // "Starting Measurement", unless the library (which reports from its own threads) has
+    // moved the device on already.
+    void markStartingMeasurement();
     bool isInConfigMode() const;
     bool isMeasuring() const;
     bool isRecording() const;
@@ -187,10 +190,12 @@ public:
     ~NdaDeviceMeasurementPauser();
     NdaDeviceMeasurementPauser(const NdaDeviceMeasurementPauser&) = delete;
     NdaDeviceMeasurementPauser& operator=(const NdaDeviceMeasurementPauser&) = delete;
-    bool hasPaused() const { return m_paused != nullptr; }
+    bool hasPaused() const { return !m_paused.isEmpty(); }
     bool wasInConfigMode() const { return m_wasInConfigMode; }
 
 private:
-    NdaDevice* m_paused = nullptr;
+    // By identifier: the device may go away (unplugged) while paused, its wrapper with it.
+    NdaControl& m_control;
+    NvDeviceId m_paused;
     bool m_wasInConfigMode = false;
 };

@@ -1,6 +1,9 @@
 #pragma once
 // Puts one device into measurement and waits for the library to confirm it, on a worker
-// thread (move the object there and invoke doWork), so the GUI stays responsive.
+// thread (invoke doWork there), so the GUI stays responsive. doWork touches no wrapper
+// (they belong to the GUI thread and may go while it waits): it drives the library device
+// and posts what the wrappers must learn to the GUI thread. Create and delete the worker
+// on the GUI thread.
 
 #include "ndadeviceobserver.h"
 
@@ -37,7 +40,11 @@ protected:
 
 private:
     void conclude(bool success); // with m_mutex held
+    // Runs `f` with the device's wrapper on the GUI thread, if it still has one.
+    template <typename F>
+    void onGuiThread(F f);
 
+    const NvDeviceId m_id;
     mutable QMutex m_mutex;
     QWaitCondition m_condition;
     NvDevice* m_watched = nullptr; // the handle the handler was added to

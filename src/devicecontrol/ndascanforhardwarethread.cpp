@@ -26,6 +26,7 @@ NdaScanForHardwareThread::~NdaScanForHardwareThread()
 void NdaScanForHardwareThread::abortScan()
 {
     m_abort.store(true);
+    NvScanner_abortScan();
 }
 
 unsigned NdaScanForHardwareThread::scanTime() const
@@ -38,8 +39,13 @@ void NdaScanForHardwareThread::scanLogFunc(const NvString* line)
     if (!line)
         return;
     QMutexLocker lock(&s_runningMutex);
-    if (s_running)
-        emit s_running->scanLogEvent(QString::fromStdString(*line));
+    if (!s_running)
+        return;
+    // An abort between the flag's last look and the library's start of the scan would
+    // find no scan to end; every scan logs once it can be aborted, so it ends here.
+    if (s_running->isAborted())
+        NvScanner_abortScan();
+    emit s_running->scanLogEvent(QString::fromStdString(*line));
 }
 
 void NdaScanForHardwareThread::setProgress(int progress)
@@ -53,22 +59,27 @@ void NdaScanForHardwareThread::setProgress(int progress)
 
 NvPortInfoArray NdaScanForHardwareThread::findPorts(bool rs485, unsigned scanTime)
 {
-    NvPortInfoArray found;
-    if (!m_port.isEmpty()) {
-        NvPortInfo info;
-        info.portName = m_port.toStdString();
-        if (NvScanner_scanPort(&info, m_baudRate, scanTime, rs485) && !info.isForeign)
-            found.push_back(info);
-        return found;
-    }
     const bool allowForeign =
         QSettings().value(QStringLiteral("allowNonNivraDevices"), false).toBool();
     NvPortInfoArray all;
-    NvScanner_scanPorts(&all, m_baudRate, scanTime, !allowForeign, rs485);
-    // Devices of other makers are listed for the user elsewhere; nothing here talks to them.
-    for (const NvPortInfo& info : all)
+    if (!m_port.isEmpty()) {
+        NvPortInfo info;
+        info.portName = m_port.toStdString();
+        if (NvScanner_scanPort(&info, m_baudRate, scanTime, rs485))
+            all.push_back(info);
+    } else {
+        NvScanner_scanPorts(&all, m_baudRate, scanTime, !allowForeign, rs485);
+    }
+    // Devices of other makers are only named for the user: nothing here speaks their
+    // protocol, so they are not opened.
+    NvPortInfoArray found;
+    for (const NvPortInfo& info : all) {
         if (!info.isForeign)
             found.push_back(info);
+        else if (allowForeign)
+            emit foreignDeviceFound(QString::fromStdString(info.portName),
+                                    QString::fromStdString(info.description));
+    }
     return found;
 }
 
@@ -117,7 +128,9 @@ void NdaScanForHardwareThread::run()
     const bool rs485 = settings.value(QStringLiteral("rs485Compatibility"), true).toBool();
     const bool imarUsage = settings.value(QStringLiteral("imarUsage"), false).toBool();
 
-    NvPortInfoArray ports = findPorts(rs485, time);
+    NvPortInfoArray ports;
+    if (!m_abort.load())
+        ports = findPorts(rs485, time);
 
     auto finish = [this](bool aborted) {
         {

@@ -22,12 +22,14 @@ public:
                              QObject* parent = nullptr);
     ~NdaScanForHardwareThread() override;
 
-    // Any thread: the scan ends before the next port it would open.
+    // Any thread: the library's probes end at once, the scan before the next port it would
+    // open.
     void abortScan();
     bool isAborted() const { return m_abort.load(); }
     NvBaudRate baudrate() const { return m_baudRate; }
     const QString& port() const { return m_port; }
-    // ms per attempt: RS-485 interfaces answer late, so they get a second.
+    // ms per attempt: RS-485 interfaces answer late, so they get a second; 0 otherwise,
+    // which the library reads as its own short default (250 ms).
     unsigned scanTime() const;
 
     // The library's scan log sink; forwards to the running scan, if any.
@@ -40,6 +42,8 @@ signals:
     void scanCompleted();
     void scanAborted();
     void scanLogEvent(QString line);
+    // A port where something of another maker talks (allowNonNivraDevices); not opened.
+    void foreignDeviceFound(const QString& port, const QString& description);
 
 protected:
     void run() override;

@@ -1,3 +1,6 @@
+#include "deviceitem.h"
+#include "devicemodel.h"
+#include "fakeport.h"
 #include "hardwarescanner.h"
 #include "kvmanager.h"
 #include "kvsimharness.h"
@@ -6,6 +9,7 @@
 #include <QAction>
 #include <QApplication>
 #include <QDockWidget>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QMenu>
 #include <QMessageBox>
@@ -19,6 +23,7 @@
 #include <QTimer>
 #include <QUrl>
 
+#include <algorithm>
 #include <memory>
 
 // Closes every modal box that opens while it lives and remembers what they said.
@@ -72,6 +77,8 @@ private slots:
     void titleNamesApplicationFileAndVersion();
     void everyActionHasAStableName();
     void scanOpensTheEmulatedDevicesAndAnUnplugLeavesTheOthers();
+    void devicesOfOtherMakersAreNamedInTheMessageWindowWhenAllowed();
+    void closingDuringAScanDoesNotWaitForIt();
     void deviceErrorsHaveTheirPrefixAndOpenTheMessageWindowOnce();
     void deviceNotificationsAndTheRecordingIndicator();
 
@@ -456,6 +463,14 @@ void TestKvManager::scanOpensTheEmulatedDevicesAndAnUnplugLeavesTheOthers()
                 ->lines()
                 .join(QLatin1Char('\n'))
                 .contains(QStringLiteral("Found")));
+    // The tree read each device's settings before it started measuring (a measuring
+    // device refuses such requests, and the rows would read 0).
+    for (const auto& port : sim.ports()) {
+        const DeviceItem* item =
+            m_window->deviceModel()->deviceItem(NvDeviceId::fromString(port.id));
+        QVERIFY(item);
+        QCOMPARE(item->baudrate().toInt(), 115200);
+    }
 
     // The GNSS unit goes away: a message, the others go on measuring.
     QTRY_COMPARE_WITH_TIMEOUT(m_window->ndaControl()->deviceCount(), 2, 15000);
@@ -474,6 +489,63 @@ void TestKvManager::scanOpensTheEmulatedDevicesAndAnUnplugLeavesTheOthers()
     QCOMPARE(m_window->ndaControl()->deviceCount(), 0);
     qunsetenv("XDG_RUNTIME_DIR");
     qunsetenv("NV_SCAN_SYSTEM_PORTS");
+}
+
+void TestKvManager::devicesOfOtherMakersAreNamedInTheMessageWindowWhenAllowed()
+{
+    kvtest::FakePort receiver(kvtest::FakePort::Nmea);
+    QVERIFY(receiver.isOpen());
+    QTemporaryDir runtime;
+    qputenv("XDG_RUNTIME_DIR", runtime.path().toLocal8Bit());
+    qputenv("NV_SCAN_SYSTEM_PORTS", "0");
+    qputenv("NV_EXTRA_PORTS", QByteArray::fromStdString(receiver.path));
+    const QString prefix = QStringLiteral("Port %1: NMEA device of another maker at ")
+                               .arg(QString::fromStdString(receiver.path));
+    auto named = [&] {
+        const QStringList lines = m_window->messageWindow()->lines();
+        return std::any_of(lines.begin(), lines.end(), [&](const QString& line) {
+            return line.startsWith(prefix) && line.endsWith(QStringLiteral(" bd (not opened)"));
+        });
+    };
+
+    for (const bool allowed : {false, true}) {
+        QSettings().setValue(QStringLiteral("allowNonNivraDevices"), allowed);
+        QSignalSpy scanning(m_window->hardwareScanner(),
+                            &HardwareScanner::scanForHardwareStateChanged);
+        m_window->doScanAllPorts();
+        QTRY_COMPARE_WITH_TIMEOUT(scanning.count(), 2, 20000);
+        QCOMPARE(named(), allowed);
+        QCOMPARE(m_window->ndaControl()->deviceCount(), 0);
+    }
+    qunsetenv("XDG_RUNTIME_DIR");
+    qunsetenv("NV_SCAN_SYSTEM_PORTS");
+    qunsetenv("NV_EXTRA_PORTS");
+}
+
+void TestKvManager::closingDuringAScanDoesNotWaitForIt()
+{
+    kvtest::KvsimProcess sim({"--device", "imu", "--quiet"});
+    QVERIFY(sim.started());
+    // A port where something of unknown make babbles: probing it takes seconds.
+    kvtest::FakePort noise(kvtest::FakePort::Noise);
+    QVERIFY(noise.isOpen());
+    qputenv("XDG_RUNTIME_DIR", QByteArray::fromStdString(sim.runtimeDir()));
+    qputenv("NV_SCAN_SYSTEM_PORTS", "0");
+    qputenv("NV_EXTRA_PORTS", QByteArray::fromStdString(noise.path));
+    const QString probing = QStringLiteral("Scanning port ") + QString::fromStdString(noise.path);
+
+    m_window->doScanAllPorts();
+    QTRY_VERIFY(m_window->scanLogWindow()->lines().join(QLatin1Char('\n')).contains(probing));
+    QVERIFY(m_window->ndaControl()->isScanning());
+    QElapsedTimer closing;
+    closing.start();
+    m_window->close();
+    m_window.reset(); // the control goes with the window and joins the scan thread
+    // Generous: ending the scan takes milliseconds, the noisy port's probe seconds.
+    QVERIFY2(closing.elapsed() < 2000, qPrintable(QStringLiteral("%1 ms").arg(closing.elapsed())));
+    qunsetenv("XDG_RUNTIME_DIR");
+    qunsetenv("NV_SCAN_SYSTEM_PORTS");
+    qunsetenv("NV_EXTRA_PORTS");
 }
 
 void TestKvManager::deviceErrorsHaveTheirPrefixAndOpenTheMessageWindowOnce()

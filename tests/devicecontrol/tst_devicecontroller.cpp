@@ -88,6 +88,7 @@ private slots:
     void groupsFollowTheSyncRoleAndTheCountFollowsTheStates();
     void startRecordingTwiceMakesOneFile();
     void measurementStarterConfirmsOrFailsAtOnce();
+    void modeChangesRunOffTheGuiThreadInTheOrderAsked();
 };
 
 void TestDeviceController::initTestCase()
@@ -374,6 +375,59 @@ void TestDeviceController::measurementStarterConfirmsOrFailsAtOnce()
     QCOMPARE(completed.at(0).at(0).toBool(), false);
     QVERIFY(!worker.getResult());
     bringBack(worker);
+}
+
+void TestDeviceController::modeChangesRunOffTheGuiThreadInTheOrderAsked()
+{
+    kvtest::KvsimProcess sim({"--device", "imu", "--device", "ahrs", "--quiet"});
+    kvtest::KvsimProcess silent({"--device", "gnss", "--quiet"});
+    QVERIFY2(sim.started(), sim.stderrText().c_str());
+    QVERIFY2(silent.started(), silent.stderrText().c_str());
+    NdaControl control;
+    QVERIFY2(openAll(control, sim), qPrintable(control.lastResultText()));
+    QVERIFY2(openAll(control, silent), qPrintable(control.lastResultText()));
+    const NvDeviceId silentId = idOf(silent.ports()[0]);
+    QTemporaryDir folder;
+    TestHost host(folder.path());
+    DeviceController controller(host, control);
+    QSignalSpy done(&controller, &DeviceController::modeChangesDone);
+    std::vector<NvDeviceId> failedToMeasure;
+    connect(&control, &NdaControl::error, this, [&](const NvDeviceId& id, NvResultValue result) {
+        if (result == NRV_COULD_NOT_GO_TO_MEASUREMENT)
+            failedToMeasure.push_back(id);
+    });
+
+    // A device that does not answer holds up its own start, not the caller: the call
+    // returns while the start still waits for the reply, and the event loop runs on.
+    silent.freeze(true);
+    QVERIFY(controller.gotoMeasurementAll());
+    QVERIFY(controller.isChangingModes());
+    bool timerRan = false;
+    QTimer::singleShot(0, this, [&] { timerRan = true; });
+    QTRY_VERIFY_WITH_TIMEOUT(timerRan, WaitMs);
+    QVERIFY(done.isEmpty());
+    QTRY_COMPARE_WITH_TIMEOUT(done.count(), 1, WaitMs);
+    QCOMPARE(done.at(0).at(0).toBool(), false);
+    QVERIFY(!controller.isChangingModes());
+    QCOMPARE(failedToMeasure, std::vector<NvDeviceId>{silentId});
+    for (const auto& port : sim.ports())
+        QVERIFY(NvDevice_isMeasuring(control.libraryDeviceRef(idOf(port)).get()));
+    QTRY_VERIFY_WITH_TIMEOUT(!control.getExistingDevice(silentId) ||
+                                 control.getExistingDevice(silentId)->ndaDeviceState() !=
+                                     NdaDeviceState::StartingMeasurement,
+                             WaitMs);
+    silent.freeze(false);
+
+    // Measure then configuration at once: the later request wins, whatever the timing.
+    done.clear();
+    QVERIFY(controller.gotoMeasurementAll());
+    QVERIFY(controller.gotoConfigAll());
+    QTRY_COMPARE_WITH_TIMEOUT(done.count(), 1, WaitMs);
+    QCOMPARE(done.at(0).at(0).toBool(), true);
+    for (const NvDeviceId& id : control.mainDeviceIds())
+        QVERIFY(NvDevice_isInConfigMode(control.libraryDeviceRef(id).get()));
+    QTRY_COMPARE_WITH_TIMEOUT(controller.numberOfMeasuringDevices(), size_t(0), WaitMs);
+    control.close();
 }
 
 QTEST_MAIN(TestDeviceController)

@@ -1,11 +1,13 @@
 // The hardware scan against kvsim devices: the scan thread's course as the control and
 // the scanner's dialog report it, abort, docked trackers.
 
+#include "fakeport.h"
 #include "hardwarescanner.h"
 #include "kvsimharness.h"
 #include "ndacontrol.h"
 
 #include <QApplication>
+#include <QElapsedTimer>
 #include <QProgressDialog>
 #include <QPushButton>
 #include <QSettings>
@@ -33,6 +35,25 @@ void pointScannerAt(const std::string& runtimeDir)
     qputenv("XDG_RUNTIME_DIR", QByteArray::fromStdString(runtimeDir));
 }
 
+// Ports beside the emulator's, for one test.
+class ExtraPorts
+{
+public:
+    explicit ExtraPorts(const QStringList& ports)
+    {
+        qputenv("NV_EXTRA_PORTS", ports.join(QLatin1Char(':')).toLocal8Bit());
+    }
+    ~ExtraPorts() { qunsetenv("NV_EXTRA_PORTS"); }
+};
+
+bool anyLineContains(const QSignalSpy& spy, const QString& text)
+{
+    for (const QList<QVariant>& args : spy)
+        if (args.at(0).toString().contains(text))
+            return true;
+    return false;
+}
+
 } // namespace
 
 class TestHardwareScanner : public QObject
@@ -50,6 +71,9 @@ private slots:
     void scanOfOnePortOpensOnlyItsDevice();
     void imarPortIsTriedAndTheScanGoesOn();
     void dockedTrackersAreClosedWhenNotShown();
+    void cancelEndsTheLibraryScanOfANoisyPortSoon();
+    void devicesOfOtherMakersAreListedOnlyWhenAllowed();
+    void scanWithoutRs485CompatibilityFindsTheDevices();
 
 private:
     QByteArray m_savedRuntimeDir;
@@ -319,6 +343,116 @@ void TestHardwareScanner::dockedTrackersAreClosedWhenNotShown()
     QCOMPARE(idTexts(control.deviceIds()), (std::set<std::string>{masterId}));
     QCOMPARE(idTexts(control.mainDeviceIds()), (std::set<std::string>{masterId}));
     QVERIFY(control.getMasterId(NvDeviceId::fromString(trackerId)).isEmpty());
+}
+
+void TestHardwareScanner::cancelEndsTheLibraryScanOfANoisyPortSoon()
+{
+    kvtest::KvsimProcess sim({"--device", "imu", "--device", "ahrs", "--quiet"});
+    QVERIFY2(sim.started(), sim.stderrText().c_str());
+    pointScannerAt(sim.runtimeDir());
+    // Something of unknown make babbles on this port: heard at every rate, answering none,
+    // its probe alone takes seconds.
+    kvtest::FakePort noise(kvtest::FakePort::Noise);
+    kvtest::FakePort silent(kvtest::FakePort::Silent);
+    QVERIFY(noise.isOpen() && silent.isOpen());
+    const QString noisePath = QString::fromStdString(noise.path);
+
+    NdaControl control;
+    HardwareScanner scanner(control);
+    QSignalSpy logLines(&scanner, &HardwareScanner::scanLogEvent);
+    QSignalSpy opening(&control, &NdaControl::scanForHardwareOpeningPort);
+    QSignalSpy completed(&scanner, &HardwareScanner::scanForHardwareCompleted);
+    QSignalSpy aborted(&scanner, &HardwareScanner::scanForHardwareAborted);
+    {
+        ExtraPorts extra({noisePath, QString::fromStdString(silent.path)});
+        scanner.scanAllPorts();
+        QTRY_VERIFY(anyLineContains(logLines, QStringLiteral("Scanning port ") + noisePath));
+        QProgressDialog* dialog = scanner.progressDialog();
+        QVERIFY(dialog->isVisible());
+        auto* cancel = dialog->findChild<QPushButton*>();
+        QVERIFY(cancel);
+        QElapsedTimer sinceCancel;
+        sinceCancel.start();
+        cancel->click();
+        QVERIFY(aborted.wait(ScanWaitMs));
+        // Generous: the abort takes milliseconds, the noisy port's probe seconds.
+        QVERIFY2(sinceCancel.elapsed() < 2000,
+                 qPrintable(QStringLiteral("%1 ms").arg(sinceCancel.elapsed())));
+        QVERIFY(!dialog->isVisible());
+    }
+    QCOMPARE(completed.count(), 0);
+    QCOMPARE(opening.count(), 0);
+    QVERIFY(control.mainDeviceIds().empty());
+    QVERIFY(anyLineContains(logLines,
+                            QStringLiteral("Scan of ") + noisePath + QStringLiteral(" aborted")));
+
+    // The next scan runs whole.
+    QTRY_VERIFY(!control.isScanning());
+    scanner.scanAllPorts();
+    QVERIFY(completed.wait(ScanWaitMs));
+    QCOMPARE(idTexts(control.mainDeviceIds()),
+             (std::set<std::string>{sim.ports()[0].id, sim.ports()[1].id}));
+}
+
+void TestHardwareScanner::devicesOfOtherMakersAreListedOnlyWhenAllowed()
+{
+    kvtest::KvsimProcess sim({"--device", "imu", "--quiet"});
+    QVERIFY2(sim.started(), sim.stderrText().c_str());
+    pointScannerAt(sim.runtimeDir());
+    kvtest::FakePort receiver(kvtest::FakePort::Nmea);
+    QVERIFY(receiver.isOpen());
+    const QString receiverPath = QString::fromStdString(receiver.path);
+    ExtraPorts extra({receiverPath});
+    const std::set<std::string> ours{sim.ports()[0].id};
+
+    for (const bool allowed : {false, true}) {
+        QSettings().setValue(QStringLiteral("allowNonNivraDevices"), allowed);
+        NdaControl control;
+        HardwareScanner scanner(control);
+        QSignalSpy foreign(&scanner, &HardwareScanner::foreignDeviceFound);
+        QSignalSpy opening(&control, &NdaControl::scanForHardwareOpeningPort);
+        QSignalSpy completed(&scanner, &HardwareScanner::scanForHardwareCompleted);
+        scanner.scanAllPorts();
+        QVERIFY(completed.wait(ScanWaitMs));
+        // Never opened: nothing here speaks its protocol. Our device is, either way.
+        QCOMPARE(opening.count(), 1);
+        QCOMPARE(opening.at(0).at(0).toString(), QString::fromStdString(sim.ports()[0].path));
+        QCOMPARE(idTexts(control.deviceIds()), ours);
+        if (!allowed) {
+            QCOMPARE(foreign.count(), 0);
+            continue;
+        }
+        QCOMPARE(foreign.count(), 1);
+        QCOMPARE(foreign.at(0).at(0).toString(), receiverPath);
+        QVERIFY2(foreign.at(0).at(1).toString().startsWith(QStringLiteral("NMEA device")),
+                 qPrintable(foreign.at(0).at(1).toString()));
+
+        // Asked about that one port, the scan names it too.
+        QTRY_VERIFY(!control.isScanning());
+        scanner.scanPort(receiverPath);
+        QVERIFY(completed.wait(ScanWaitMs));
+        QCOMPARE(foreign.count(), 2);
+        QCOMPARE(foreign.at(1).at(0).toString(), receiverPath);
+        QVERIFY(control.deviceIds().empty());
+    }
+}
+
+void TestHardwareScanner::scanWithoutRs485CompatibilityFindsTheDevices()
+{
+    // Scan time 0: the library's short default, not a longer wait.
+    QSettings().setValue(QStringLiteral("rs485Compatibility"), false);
+    kvtest::KvsimProcess sim({"--device", "ahrs", "--device", "legacy:rs485", "--quiet"});
+    QVERIFY2(sim.started(), sim.stderrText().c_str());
+    pointScannerAt(sim.runtimeDir());
+    kvtest::FakePort silent(kvtest::FakePort::Silent);
+    ExtraPorts extra({QString::fromStdString(silent.path)});
+
+    NdaControl control;
+    QSignalSpy completed(&control, &NdaControl::scanForHardwareCompleted);
+    control.scanForHardware(QString(), 0);
+    QVERIFY(completed.wait(ScanWaitMs));
+    QCOMPARE(idTexts(control.mainDeviceIds()),
+             (std::set<std::string>{sim.ports()[0].id, sim.ports()[1].id}));
 }
 
 QTEST_MAIN(TestHardwareScanner)

@@ -174,6 +174,49 @@ private slots:
         control.releaseDevice(file);
         control.close();
     }
+
+    void aPauserReportsAFailedResumeOnceAndOutlivesItsDevice()
+    {
+        kvtest::KvsimProcess sim({"--device", "imu", "--quiet"});
+        QVERIFY(sim.started());
+        NdaControl control;
+        openAll(control, sim);
+        QSignalSpy errors(&control, &NdaCallback::error);
+        auto measurementErrors = [&errors] {
+            int n = 0;
+            for (const auto& args : errors)
+                n += args.at(1).value<NvResultValue>() == NRV_COULD_NOT_GO_TO_MEASUREMENT;
+            return n;
+        };
+
+        // The device stops answering while paused: one "could not go to measurement".
+        NdaDeviceRequester frozen(control, idOf(sim.ports()[0]));
+        QVERIFY(frozen.device().gotoMeasurement());
+        {
+            NdaDeviceMeasurementPauser pauser(frozen.device());
+            QVERIFY(pauser.hasPaused());
+            sim.freeze(true);
+        }
+        sim.freeze(false);
+        QCOMPARE(measurementErrors(), 1);
+
+        // The device goes away while paused, its wrapper with it: nothing to resume.
+        kvtest::KvsimProcess lost({"--device", "ahrs:index=1,disconnect=2", "--quiet"});
+        QVERIFY(lost.started());
+        openAll(control, lost);
+        const NvDeviceId lostId = idOf(lost.ports()[0]);
+        QSignalSpy destroyed(&control, &NdaControl::deviceDestroyedByNda);
+        {
+            NdaDevice& device = control.requestDevice(lostId);
+            QVERIFY(device.gotoMeasurement());
+            NdaDeviceMeasurementPauser pauser(device);
+            QVERIFY(pauser.hasPaused());
+            QTRY_COMPARE_WITH_TIMEOUT(destroyed.count(), 1, 15000);
+            QVERIFY(!control.getExistingDevice(lostId));
+        }
+        QCOMPARE(measurementErrors(), 1);
+        control.close();
+    }
 };
 
 QTEST_MAIN(TstNdaControl)

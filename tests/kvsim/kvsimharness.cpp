@@ -173,6 +173,17 @@ int KvsimProcess::wait(milliseconds timeout)
     }
 }
 
+void KvsimProcess::freeze(bool frozen)
+{
+    if (m_pid <= 0 || ::kill(m_pid, frozen ? SIGSTOP : SIGCONT) != 0)
+        return;
+    // A stop takes effect some time after kill returns; wait until it has, so that nothing
+    // sent from now on is answered.
+    int status = 0;
+    while (::waitpid(m_pid, &status, frozen ? WUNTRACED : WCONTINUED) < 0 && errno == EINTR) {
+    }
+}
+
 int KvsimProcess::terminate()
 {
     if (m_pid <= 0)

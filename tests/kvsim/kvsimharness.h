@@ -44,6 +44,8 @@ public:
     int terminate();
     // Waits for the process to end by itself; -1 on time-out.
     int wait(std::chrono::milliseconds timeout);
+    // Stops or continues the emulator (SIGSTOP/SIGCONT): its devices go quiet but stay.
+    void freeze(bool frozen);
 
 private:
     pid_t m_pid = -1;

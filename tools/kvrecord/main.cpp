@@ -189,7 +189,7 @@ int main(int argc, char** argv)
     // trackers a moment to connect.
     bool waitForTrackers = false;
     for (const NvDeviceId& id : ids) {
-        NvDevice* master = NvControl_device(control, &id);
+        const NvDeviceRef master = nvDeviceRef(control, id);
         if (!NvDevice_isMasterDevice(master) || NvDevice_isRadioEnabled(master))
             continue;
         for (int channel = 11; channel <= 25; ++channel)
@@ -205,7 +205,7 @@ int main(int argc, char** argv)
 
     std::map<NvDeviceId, std::string> files;
     for (const NvDeviceId& id : ids) {
-        NvDevice* dev = NvControl_device(control, &id);
+        const NvDeviceRef dev = nvDeviceRef(control, id);
         const std::string file = fileFor(out, id, ids.size() > 1);
         if (!NvDevice_createLogFile(dev, &file) || !NvDevice_startRecording(dev)) {
             std::fprintf(stderr, "kvrecord: %s: cannot record to %s: %s\n", id.toString().c_str(),
@@ -226,10 +226,9 @@ int main(int argc, char** argv)
     }
 
     for (const auto& [id, file] : files) {
-        NvDevice* dev = NvControl_device(control, &id);
+        const NvDeviceRef dev = nvDeviceRef(control, id);
         if (!dev)
             continue; // unplugged: its file was closed when it went
-        NvDevice_addRef(dev);
         if (NvDevice_isRecording(dev) && !NvDevice_stopRecording(dev)) {
             std::fprintf(stderr, "kvrecord: %s: %s\n", id.toString().c_str(),
                          NvControl_lastResultText(control));
@@ -239,7 +238,6 @@ int main(int argc, char** argv)
         for (int i = 0; i < 600 && NvDevice_deviceState(dev) == NDS_FLUSHING; ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
         NvDevice_gotoConfig(dev);
-        NvDevice_removeRef(dev);
     }
     NvControl_close(control);
 
