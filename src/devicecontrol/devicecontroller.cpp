@@ -143,15 +143,28 @@ bool DeviceController::forAllReversed(const NdaDeviceSelection& selection, const
     return ok;
 }
 
-bool DeviceController::gotoConfig(const NvDeviceIdArray& ids)
+NvDeviceIdArray DeviceController::inSyncOrder(const NvDeviceIdArray& ids, bool reversed,
+                                              bool* allThere) const
 {
     NvDeviceIdArray ordered;
-    forAllReversed(m_control.requestDeviceSelection(ids), [&ordered](NdaDevice& device) {
+    const auto collect = [&ordered](NdaDevice& device) {
         ordered.push_back(device.deviceId());
         return true;
-    });
-    return stopMeasuring(ordered) &&
-           ordered.size() == std::set<NvDeviceId>(ids.begin(), ids.end()).size();
+    };
+    const NdaDeviceSelection selection = m_control.requestDeviceSelection(ids);
+    if (reversed)
+        forAllReversed(selection, collect);
+    else
+        forAll(selection, collect);
+    *allThere = ordered.size() == std::set<NvDeviceId>(ids.begin(), ids.end()).size();
+    return ordered;
+}
+
+bool DeviceController::gotoConfig(const NvDeviceIdArray& ids)
+{
+    bool allThere = false;
+    const NvDeviceIdArray ordered = inSyncOrder(ids, true, &allThere);
+    return stopMeasuring(ordered) && allThere;
 }
 
 bool DeviceController::gotoConfigAll()
@@ -161,13 +174,9 @@ bool DeviceController::gotoConfigAll()
 
 bool DeviceController::gotoMeasurement(const NvDeviceIdArray& ids)
 {
-    NvDeviceIdArray ordered;
-    forAll(m_control.requestDeviceSelection(ids), [&ordered](NdaDevice& device) {
-        ordered.push_back(device.deviceId());
-        return true;
-    });
-    return startMeasuring(ordered) &&
-           ordered.size() == std::set<NvDeviceId>(ids.begin(), ids.end()).size();
+    bool allThere = false;
+    const NvDeviceIdArray ordered = inSyncOrder(ids, false, &allThere);
+    return startMeasuring(ordered) && allThere;
 }
 
 bool DeviceController::gotoMeasurementAll()

@@ -89,6 +89,9 @@ public slots:
 private:
     bool currentlyMeasuring(const NvDeviceId& id) const;
     void recount();
+    // The devices of `ids` that are there, in ascending synchronisation role (or
+    // descending); `allThere`: every one of them is.
+    NvDeviceIdArray inSyncOrder(const NvDeviceIdArray& ids, bool reversed, bool* allThere) const;
     // Starts measurement on each device in turn (each confirmed before the next starts).
     bool startMeasuring(const NvDeviceIdArray& ordered);
     // Stops recording and measurement on each device in turn.
