@@ -1,12 +1,24 @@
-// Framing throughput of NvFrameParser on a mixed stream and the decode rate of a
-// ten-item data packet, each value read.
+// Framing throughput of NvFrameParser on a mixed stream, the decode rate of a ten-item
+// data packet, each value read, and the decode rate of real recordings of every kvsim kind
+// with every item it supports (BM_DecodeRecorded).
 
+#include "kvsimharness.h"
+#include "nivradeviceapi.h"
 #include "nvdatapacket.h"
 #include "nvframeparser.h"
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <iterator>
 #include <random>
+#include <set>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -121,7 +133,8 @@ void BM_IndexTenItems(benchmark::State& state)
 }
 BENCHMARK(BM_IndexTenItems);
 
-// The reader's whole path: cut frames from a stream of ten-item packets and decode each.
+// The reader's whole path: cut frames from a stream of ten-item packets and decode each in
+// place.
 void BM_FrameAndDecode(benchmark::State& state)
 {
     std::vector<uint8_t> stream;
@@ -135,7 +148,7 @@ void BM_FrameAndDecode(benchmark::State& state)
         for (size_t pos = 0; pos < stream.size(); pos += 4096)
             parser.feed(stream.data() + pos, std::min<size_t>(4096, stream.size() - pos),
                         [&](const NvFrameView& v) {
-                            sum += readAll(NvDataPacket::fromFrame(v.frame, v.size));
+                            sum += readAll(NvDataPacket::viewFrame(v.frame, v.size));
                         });
         benchmark::DoNotOptimize(sum);
     }
@@ -156,6 +169,436 @@ void BM_EncodeTenItems(benchmark::State& state)
 }
 BENCHMARK(BM_EncodeTenItems);
 
+// ---- Recordings --------------------------------------------------------------------
+
+// Every quantity a device may offer; each device gets those it supports.
+constexpr NvDataIdentifier AllQuantities[] = {
+    NDI_PACKET_COUNTER,  NDI_SAMPLE_TIME_FINE, NDI_SAMPLE_TIME_COARSE, NDI_UTC_TIME,
+    NDI_STATUS_BYTE,     NDI_STATUS_WORD,      NDI_TIME_OF_WEEK,       NDI_GNSS_AGE,
+    NDI_FRAME_RANGE,     NDI_QUATERNION,       NDI_ROTATION_MATRIX,    NDI_EULER_ANGLES,
+    NDI_BARO_PRESSURE,   NDI_DELTA_V,          NDI_ACCELERATION,       NDI_FREE_ACCELERATION,
+    NDI_ACCELERATION_HR, NDI_ALTITUDE_MSL,     NDI_ALTITUDE_ELLIPSOID, NDI_POSITION_ECEF,
+    NDI_LAT_LON,         NDI_GNSS_PVT_DATA,    NDI_GNSS_SAT_INFO,      NDI_GNSS_PVT_PULSE,
+    NDI_RATE_OF_TURN,    NDI_DELTA_Q,          NDI_RATE_OF_TURN_HR,    NDI_ANALOG_IN_1,
+    NDI_ANALOG_IN_2,     NDI_MAGNETIC_FIELD,   NDI_VELOCITY,           NDI_RSSI,
+    NDI_TEMPERATURE};
+
+// Every supported item at its highest rate. Positions in float64; the other reals take
+// float32, fixed 12.20 and fixed 16.32 in turn, so that every decoder runs.
+NvOutputConfigurationArray fullConfiguration(NvDevice* dev)
+{
+    NvOutputConfigurationArray config;
+    int real = 0;
+    for (NvDataIdentifier q : AllQuantities) {
+        NvIntArray rates;
+        NvDevice_supportedUpdateRates(dev, q, &rates);
+        if (rates.empty())
+            continue;
+        NvDataIdentifier id = q;
+        if (q == NDI_POSITION_ECEF || q == NDI_LAT_LON || q == NDI_ALTITUDE_MSL ||
+            q == NDI_ALTITUDE_ELLIPSOID)
+            id = nvWithPrecision(q, NDP_FLOAT64);
+        else if (nvIsRealQuantity(q))
+            id = nvWithPrecision(q, NvPrecision(real++ % 3));
+        const int rate = *std::max_element(rates.begin(), rates.end());
+        config.push_back({id, uint16_t(rate)});
+    }
+    return config;
+}
+
+struct Recording
+{
+    std::string kind;
+    std::vector<uint8_t> bytes;                        // the whole kvb file
+    std::vector<std::pair<uint32_t, uint16_t>> frames; // data packets: offset, size
+    uint64_t items = 0;
+    size_t layouts = 0; // distinct item layouts among the packets
+    std::string error;
+};
+
+constexpr const char* Kinds[] = {"imu", "ahrs", "gnss", "legacy", "master:4"};
+constexpr int RecordSeconds = 3;
+
+bool waitUntil(const std::function<bool()>& done, std::chrono::seconds timeout)
+{
+    const auto end = std::chrono::steady_clock::now() + timeout;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+}
+
+// Records each kind for a few seconds with the library, one kvb per kind, and reads the
+// files back. Empty `error` on success.
+std::vector<Recording> makeRecordings()
+{
+    std::vector<Recording> out(std::size(Kinds));
+    std::vector<std::string> args{"--quiet", "--seed", "11"};
+    for (size_t k = 0; k < out.size(); ++k) {
+        out[k].kind = Kinds[k];
+        args.push_back("--device");
+        args.push_back(Kinds[k]);
+    }
+    auto failAll = [&](const std::string& why) {
+        for (Recording& r : out)
+            r.error = why;
+        return out;
+    };
+    kvtest::KvsimProcess sim(args);
+    if (!sim.started())
+        return failAll("kvsim did not start: " + sim.stderrText());
+    const std::string dir = kvtest::makeTempDir();
+    NvControl* control = NvControl_construct();
+    NvControl_setReplyTimeout(control, 5000);
+    std::vector<NvDevice*> mains;
+    std::string error;
+    for (const auto& port : sim.ports()) {
+        const NvString name = port.path;
+        const NvDeviceId id = NvDeviceId::fromString(port.id);
+        NvDevice* dev = NvControl_openPort(control, &name, NBR_921600, 0)
+                            ? NvControl_device(control, &id)
+                            : nullptr;
+        if (!dev) {
+            error = port.kind + ": " + NvControl_lastResultText(control);
+            break;
+        }
+        mains.push_back(dev);
+        std::vector<NvDevice*> configured{dev};
+        if (NvDevice_isMasterDevice(dev)) {
+            configured.clear();
+            NvDevice_enableRadio(dev, 11);
+            std::vector<NvDeviceId> trackers;
+            for (uint32_t slot = 0; slot < 4; ++slot)
+                trackers.push_back(nvEmulatedTrackerId(0, slot));
+            waitUntil(
+                [&] {
+                    for (NvDeviceId& t : trackers)
+                        if (!NvControl_device(control, &t))
+                            return false;
+                    return true;
+                },
+                std::chrono::seconds(15));
+            for (NvDeviceId& t : trackers)
+                if (NvDevice* tracker = NvControl_device(control, &t))
+                    configured.push_back(tracker);
+        }
+        for (NvDevice* d : configured) {
+            NvOutputConfigurationArray config = fullConfiguration(d);
+            if (NvDevice_setOutputConfiguration(d, &config))
+                continue;
+            // The rate table may offer an item the device refuses (a wireless tracker's
+            // HR items): keep what it takes, one item at a time.
+            NvOutputConfigurationArray taken;
+            for (const NvOutputConfiguration& item : config) {
+                taken.push_back(item);
+                if (!NvDevice_setOutputConfiguration(d, &taken))
+                    taken.pop_back();
+            }
+            if (taken.empty() || !NvDevice_setOutputConfiguration(d, &taken))
+                error = port.kind + " configuration: " + NvControl_lastResultText(control);
+        }
+    }
+    for (size_t k = 0; error.empty() && k < mains.size(); ++k) {
+        const NvString file = dir + "/" + std::to_string(k) + ".kvb";
+        if (!NvDevice_createLogFile(mains[k], &file) || !NvDevice_startRecording(mains[k]))
+            error = out[k].kind + " recording: " + NvControl_lastResultText(control);
+    }
+    if (error.empty()) {
+        std::this_thread::sleep_for(std::chrono::seconds(RecordSeconds));
+        for (NvDevice* dev : mains)
+            NvDevice_stopRecording(dev);
+        for (NvDevice* dev : mains)
+            waitUntil([&] { return NvDevice_deviceState(dev) != NDS_FLUSHING; },
+                      std::chrono::seconds(20));
+    }
+    NvControl_close(control);
+    NvControl_destruct(control);
+    if (!error.empty()) {
+        kvtest::removeTree(dir);
+        return failAll(error);
+    }
+
+    for (size_t k = 0; k < out.size(); ++k) {
+        Recording& r = out[k];
+        std::ifstream in(dir + "/" + std::to_string(k) + ".kvb", std::ios::binary);
+        r.bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+        NvFrameParser parser;
+        parser.feed(r.bytes.data(), r.bytes.size(), [&](const NvFrameView& v) {
+            // Bus id 0 marks the file's own frames.
+            if (v.busId() != 0 && v.messageId() == NvMid::DataPacket)
+                r.frames.emplace_back(uint32_t(v.frame - r.bytes.data()), uint16_t(v.size));
+        });
+        std::set<std::vector<uint32_t>> layouts;
+        for (const auto& [offset, size] : r.frames) {
+            const NvDataPacket p = NvDataPacket::fromFrame(r.bytes.data() + offset, size);
+            std::vector<uint32_t> layout{uint32_t(p.dataSize())};
+            for (size_t i = 0; i < p.itemCount(); ++i)
+                layout.push_back(uint32_t(p.item(i).id) << 8 | p.item(i).size);
+            layouts.insert(layout);
+            r.items += p.itemCount();
+        }
+        r.layouts = layouts.size();
+        if (r.frames.empty())
+            r.error = r.kind + ": no data packets recorded";
+    }
+    kvtest::removeTree(dir);
+    return out;
+}
+
+const std::vector<Recording>& recordings()
+{
+    static const std::vector<Recording> all = makeRecordings();
+    return all;
+}
+
+// What a consumer of every item does with it: reals converted (one precision switch per
+// item), integers read, the GNSS records parsed.
+template <size_t Width, typename Read>
+double sumOf(const uint8_t* p, size_t size, Read read)
+{
+    double sum = 0;
+    for (size_t at = 0; at + Width <= size; at += Width)
+        sum += read(p + at);
+    return sum;
+}
+
+double readItem(NvDataIdentifier id, const uint8_t* p, size_t size)
+{
+    using namespace nvbe;
+    if (nvIsRealQuantity(id)) {
+        switch (nvPrecision(id)) {
+        case NDP_FLOAT32:
+            return sumOf<4>(p, size, [](const uint8_t* q) { return double(readF32(q)); });
+        case NDP_FP1220:
+            return sumOf<4>(p, size, [](const uint8_t* q) { return readI32(q) / 1048576.0; });
+        case NDP_FP1632:
+            return sumOf<6>(p, size, [](const uint8_t* q) {
+                return double(readI16(q + 4)) + double(readU32(q)) / 4294967296.0;
+            });
+        case NDP_FLOAT64:
+            return sumOf<8>(p, size, readF64);
+        }
+    }
+    switch (nvQuantity(id)) {
+    case NDI_UTC_TIME:
+        return size >= NvUtcTime::WireSize ? NvUtcTime::fromWire(p).nanoseconds : 0;
+    case NDI_GNSS_PVT_DATA:
+        return size >= NvGnssPvt::WireSize ? NvGnssPvt::fromWire(p).latitudeDeg() : 0;
+    case NDI_GNSS_SAT_INFO: {
+        NvGnssSatInfo info;
+        return NvGnssSatInfo::fromWire(p, size, info) ? double(info.satellites.size()) : 0;
+    }
+    default:
+        break;
+    }
+    switch (size) {
+    case 1:
+        return p[0];
+    case 2:
+        return readU16(p);
+    case 4:
+        return readU32(p);
+    default:
+        return double(size);
+    }
+}
+
+// Decoding alone touches the index (identifier and size of every item); with `Values`
+// every item is read as well.
+template <bool Values>
+double visitItems(const NvDataPacket::Item* items, size_t count, const uint8_t* data)
+{
+    double sum = 0;
+    for (size_t i = 0; i < count; ++i)
+        sum += Values ? readItem(items[i].id, data + items[i].offset, items[i].size)
+                      : double(items[i].id + items[i].size);
+    return sum;
+}
+
+template <bool Values>
+double visitItems(const NvDataPacket& p)
+{
+    return p.itemCount() ? visitItems<Values>(&p.item(0), p.itemCount(), p.data()) : 0.0;
+}
+
+// The decoder before packets could view their frames: one block per packet holding a
+// copy of the frame and a fresh item index behind it.
+class ReferencePacket
+{
+public:
+    struct Index
+    {
+        uint16_t count, malformed, decodedSize, headerSize;
+    };
+    explicit ReferencePacket(const uint8_t* frame, size_t size)
+    {
+        const size_t header = frame[3] == NvMessage::ExtendedLength ? 6 : 4;
+        const uint8_t* data = frame + header;
+        const size_t dataSize = size - header - 1;
+        constexpr size_t kLocalItems = 48;
+        NvDataPacket::Item local[kLocalItems];
+        size_t count = 0, pos = 0;
+        while (pos + 3 <= dataSize && dataSize - pos - 3 >= data[pos + 2]) {
+            if (count < kLocalItems)
+                local[count] = {NvDataIdentifier(nvbe::readU16(data + pos)), uint16_t(pos + 3),
+                                data[pos + 2]};
+            ++count;
+            pos += 3 + data[pos + 2];
+        }
+        m_block = nvdetail::FrameBlock::allocate(size, sizeof(Index) +
+                                                           count * sizeof(NvDataPacket::Item));
+        std::memcpy(m_block.bytes(), frame, size);
+        Index* index = static_cast<Index*>(m_block.extra());
+        *index = {uint16_t(count), uint16_t(pos != dataSize), uint16_t(pos), uint16_t(header)};
+        std::memcpy(index + 1, local, std::min(count, kLocalItems) * sizeof(NvDataPacket::Item));
+    }
+    template <bool Values>
+    double visit() const
+    {
+        const Index* index = static_cast<const Index*>(m_block.extra());
+        return visitItems<Values>(reinterpret_cast<const NvDataPacket::Item*>(index + 1),
+                                  index->count, m_block.bytes() + index->headerSize);
+    }
+
+private:
+    nvdetail::FrameBlock m_block;
+};
+
+enum class Decode
+{
+    Memcpy,    // copy each frame, nothing decoded: the floor
+    Reference, // the decoder as it was: a block per packet, the index built in it
+    Owning,    // NvDataPacket::fromFrame: a copy of the frame, the shared index
+    View,      // NvDataPacket::viewFrame: borrowed bytes, as the port reader decodes
+    Shared,    // viewFrame with an owner that keeps the recording alive
+};
+
+struct Mode
+{
+    const char* name;
+    Decode how;
+    bool cold = false;   // the layout cache emptied before each pass: a first pass
+    bool values = false; // every item read as well
+    bool kept = false;   // every packet of a pass held until its end, as a loader does
+};
+
+template <bool Values>
+double decodeOne(Decode how, const uint8_t* frame, size_t size,
+                 const std::shared_ptr<const void>& owner, uint8_t* scratch)
+{
+    switch (how) {
+    case Decode::Memcpy:
+        std::memcpy(scratch, frame, size);
+        benchmark::DoNotOptimize(scratch);
+        return 0;
+    case Decode::Reference:
+        return ReferencePacket(frame, size).visit<Values>();
+    case Decode::Owning:
+        return visitItems<Values>(NvDataPacket::fromFrame(frame, size));
+    case Decode::View:
+        return visitItems<Values>(NvDataPacket::viewFrame(frame, size));
+    case Decode::Shared:
+        return visitItems<Values>(NvDataPacket::viewFrame(frame, size, owner));
+    }
+    return 0;
+}
+
+template <bool Values>
+void decodeRecorded(benchmark::State& state, size_t kind, const Mode& mode)
+{
+    const Recording& r = recordings()[kind];
+    if (!r.error.empty()) {
+        state.SkipWithError(r.error.c_str());
+        return;
+    }
+    const auto bytes = std::make_shared<const std::vector<uint8_t>>(r.bytes);
+    const uint8_t* base = bytes->data();
+    const std::shared_ptr<const void> owner(bytes, base);
+    std::vector<uint8_t> scratch(NvMessage::MaxFrameSize);
+    std::vector<NvDataPacket> keptPackets;
+    std::vector<ReferencePacket> keptReferences;
+    keptPackets.reserve(r.frames.size());
+    keptReferences.reserve(r.frames.size());
+    NvDataPacket::clearLayoutCache();
+    for (auto _ : state) {
+        if (mode.cold) {
+            state.PauseTiming();
+            NvDataPacket::clearLayoutCache();
+            state.ResumeTiming();
+        }
+        double sum = 0;
+        if (!mode.kept) {
+            for (const auto& [offset, size] : r.frames)
+                sum += decodeOne<Values>(mode.how, base + offset, size, owner, scratch.data());
+        } else if (mode.how == Decode::Reference) {
+            for (const auto& [offset, size] : r.frames)
+                keptReferences.emplace_back(base + offset, size);
+            for (const ReferencePacket& p : keptReferences)
+                sum += p.visit<Values>();
+            keptReferences.clear();
+        } else {
+            for (const auto& [offset, size] : r.frames)
+                keptPackets.push_back(mode.how == Decode::Owning
+                                          ? NvDataPacket::fromFrame(base + offset, size)
+                                          : NvDataPacket::viewFrame(base + offset, size, owner));
+            for (const NvDataPacket& p : keptPackets)
+                sum += visitItems<Values>(p);
+            keptPackets.clear();
+        }
+        benchmark::DoNotOptimize(sum);
+    }
+    const double passes = double(state.iterations());
+    state.counters["packets/s"] =
+        benchmark::Counter(passes * double(r.frames.size()), benchmark::Counter::kIsRate);
+    state.counters["items/s"] =
+        benchmark::Counter(passes * double(r.items), benchmark::Counter::kIsRate);
+    char label[80];
+    std::snprintf(label, sizeof label, "%zu packets, %.1f items each, %zu layouts", r.frames.size(),
+                  double(r.items) / double(r.frames.size()), r.layouts);
+    state.SetLabel(label);
+}
+
+void registerRecorded()
+{
+    static const Mode modes[] = {
+        {"memcpy", Decode::Memcpy},
+        {"reference", Decode::Reference},
+        {"owning", Decode::Owning},
+        {"view_cold", Decode::View, true},
+        {"view_warm", Decode::View},
+        {"shared_warm", Decode::Shared},
+        {"reference+values", Decode::Reference, false, true},
+        {"view+values", Decode::View, false, true},
+        {"reference_kept", Decode::Reference, false, false, true},
+        {"owning_kept", Decode::Owning, false, false, true},
+        {"shared_kept", Decode::Shared, false, false, true},
+    };
+    for (size_t k = 0; k < std::size(Kinds); ++k) {
+        std::string kind = Kinds[k];
+        kind = kind.substr(0, kind.find(':'));
+        for (const Mode& m : modes)
+            benchmark::RegisterBenchmark(("BM_DecodeRecorded/" + kind + "/" + m.name).c_str(),
+                                         [k, &m](benchmark::State& s) {
+                                             if (m.values)
+                                                 decodeRecorded<true>(s, k, m);
+                                             else
+                                                 decodeRecorded<false>(s, k, m);
+                                         })
+                ->Unit(benchmark::kMicrosecond);
+    }
+}
+
 } // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv)
+{
+    registerRecorded();
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

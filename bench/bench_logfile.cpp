@@ -1,19 +1,29 @@
-// kvb recordings: load throughput from the page cache (MB/s, packets/s), random access
-// to packets, and the writer's CPU cost per 1000 appended packets (caller + writer thread).
+// kvb recordings: load throughput (MB/s, packets/s) from the page cache (warm) and from
+// the disk (cold), mapped and read into memory, with what the index costs per packet;
+// random access to packets; the writer's CPU cost per 1000 appended packets (caller +
+// writer thread).
 //
 // The recording (8 devices, the rich 2000 Hz configuration of bench_devicelib) is written
-// once into $TMPDIR and removed at exit.
+// once into a folder of its own in $TMPDIR, which goes at exit, also after a failed check
+// or an interrupting signal.
 
 #include "ndalogfile.h"
 
 #include <benchmark/benchmark.h>
 
+#include <climits>
 #include <cmath>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
 #include <filesystem>
+#include <fstream>
+#include <malloc.h>
 #include <random>
 #include <string>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <unistd.h>
 #include <vector>
@@ -68,30 +78,94 @@ const Frames& frames()
     return f;
 }
 
-std::string tempDir()
+// The folder and the files the benchmarks write. Removing them takes only unlink and
+// rmdir, so that a signal handler can do it too.
+class Scratch
 {
-    static std::string dir = [] {
+public:
+    static Scratch& get()
+    {
+        static Scratch* s = new Scratch; // never destroyed: used by atexit and signals
+        return *s;
+    }
+    // A path in the folder for one of the names the benchmarks use.
+    std::string path(const char* name) const { return std::string(m_dir) + "/" + name; }
+    // Async-signal-safe.
+    void remove() const
+    {
+        char file[PATH_MAX];
+        for (const char* name : Names) {
+            if (std::strlen(m_dir) + std::strlen(name) + 2 > sizeof file)
+                continue;
+            std::strcpy(file, m_dir);
+            std::strcat(file, "/");
+            std::strcat(file, name);
+            ::unlink(file);
+        }
+        ::rmdir(m_dir);
+    }
+
+    static constexpr const char* Names[] = {"big.kvb", "cold.kvb", "writer.kvb"};
+
+private:
+    Scratch()
+    {
         const char* base = std::getenv("TMPDIR");
-        std::string pattern = std::string(base && *base ? base : "/tmp") + "/kvlogbench-XXXXXX";
-        std::vector<char> name(pattern.begin(), pattern.end());
-        name.push_back('\0');
-        std::string made = ::mkdtemp(name.data());
-        std::atexit([] {
-            std::error_code ec;
-            std::filesystem::remove_all(tempDir(), ec);
-        });
-        return made;
-    }();
-    return dir;
+        const std::string pattern =
+            std::string(base && *base ? base : "/tmp") + "/kvlogbench-XXXXXX";
+        if (pattern.size() >= sizeof m_dir)
+            std::abort();
+        std::strcpy(m_dir, pattern.c_str());
+        if (!::mkdtemp(m_dir))
+            std::abort();
+        std::atexit([] { Scratch::get().remove(); });
+        for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGABRT})
+            std::signal(sig, [](int signo) {
+                Scratch::get().remove();
+                std::signal(signo, SIG_DFL);
+                std::raise(signo);
+            });
+    }
+    char m_dir[PATH_MAX / 2];
+};
+
+// A failed check ends the run (the files go with it).
+void check(bool ok, const char* what)
+{
+    if (ok)
+        return;
+    std::fprintf(stderr, "bench_logfile: %s\n", what);
+    std::abort();
 }
 
-// Appends `packets` packets round robin over the devices; returns the file.
-std::string record(const std::string& name, uint64_t packets, uint64_t targetBytes = 0)
+// The packet with the counter and sample time of sample `n` (as the device would have
+// sent it), into `out`; returns its size. The 2000 frames repeat, their times go on.
+size_t stamp(const NvMessage& m, uint64_t n, uint8_t* out)
 {
-    const std::string path = tempDir() + "/" + name;
+    const size_t size = m.frameSize();
+    std::memcpy(out, m.frame(), size);
+    // Counter and sample time fine are the first two items (see richPacket).
+    uint8_t* counter = out + 4 + 3;
+    uint8_t* time = out + 4 + 5 + 3;
+    const uint32_t ticks = uint32_t(n * 5);
+    counter[0] = uint8_t(n >> 8), counter[1] = uint8_t(n);
+    for (int i = 0; i < 4; ++i)
+        time[i] = uint8_t(ticks >> (24 - 8 * i));
+    uint8_t sum = 0;
+    for (size_t i = 1; i + 1 < size; ++i)
+        sum = uint8_t(sum + out[i]);
+    out[size - 1] = uint8_t(-sum);
+    return size;
+}
+
+// Appends `packets` packets round robin over the devices; returns the file. `running`:
+// counters and sample times go on rather than repeat every 2000 packets.
+std::string record(const char* name, uint64_t packets, uint64_t targetBytes = 0,
+                   bool running = false)
+{
+    const std::string path = Scratch::get().path(name);
     nda::LogWriter w;
-    if (w.create(path) != NRV_OK)
-        std::abort();
+    check(w.create(path) == NRV_OK, "cannot create a recording");
     uint8_t bus[Devices];
     for (int d = 0; d < Devices; ++d)
         bus[d] = w.addDevice(nvEmulatedDeviceId("ahrs", unsigned(d)), {});
@@ -100,52 +174,148 @@ std::string record(const std::string& name, uint64_t packets, uint64_t targetByt
     for (uint64_t i = 0; targetBytes ? bytes < targetBytes : i < packets; ++i) {
         const int d = int(i % Devices);
         const NvMessage& m = f.perDevice[size_t(d)][(i / Devices) % 2000];
-        w.append(bus[d], m.frame(), m.frameSize());
+        if (running) {
+            uint8_t frame[NvMessage::MaxFrameSize];
+            w.append(bus[d], frame, stamp(m, i / Devices, frame));
+        } else {
+            w.append(bus[d], m.frame(), m.frameSize());
+        }
         bytes += m.frameSize();
         // Let the writer keep up rather than buffer everything (as live data would).
         if (i % 65536 == 65535)
-            while (w.bytesWritten() + (64u << 20) < bytes)
+            while (w.bytesWritten() + (64u << 20) < bytes && w.error() == NRV_OK)
                 usleep(1000);
     }
-    if (w.close() != NRV_OK)
-        std::abort();
+    check(w.close() == NRV_OK, "cannot write a recording");
     return path;
 }
 
 const std::string& bigRecording()
 {
-    static const std::string path = record("big.kvb", 0, TargetBytes);
+    static const std::string path = record("big.kvb", 0, TargetBytes, true);
     return path;
 }
 
+// Resident anonymous memory of the process (not file pages), bytes, with the memory
+// that malloc keeps for later given back first.
+int64_t anonymousResident()
+{
+    ::malloc_trim(0);
+    std::ifstream in("/proc/self/status");
+    std::string line;
+    while (std::getline(in, line))
+        if (line.rfind("RssAnon:", 0) == 0)
+            return std::atoll(line.c_str() + 8) * 1024;
+    return 0;
+}
+
+// Share of the file's pages in the page cache.
+double residentShare(const std::string& path)
+{
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    check(fd >= 0, "cannot open the recording");
+    const size_t size = size_t(std::filesystem::file_size(path));
+    void* map = ::mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
+    ::close(fd);
+    check(map != MAP_FAILED, "cannot map the recording");
+    const long page = ::sysconf(_SC_PAGESIZE);
+    std::vector<unsigned char> in((size + size_t(page) - 1) / size_t(page));
+    check(::mincore(map, size, in.data()) == 0, "mincore failed");
+    ::munmap(map, size);
+    size_t resident = 0;
+    for (unsigned char c : in)
+        resident += c & 1;
+    return in.empty() ? 0 : double(resident) / double(in.size());
+}
+
+// Puts the file's pages out of the page cache. Where the system keeps them anyway the
+// next best is a file written afresh, which is what the cold figures then are.
+std::string coldRecording()
+{
+    const std::string& big = bigRecording();
+    static bool dropWorks = true;
+    if (dropWorks) {
+        const int fd = ::open(big.c_str(), O_RDONLY | O_CLOEXEC);
+        check(fd >= 0, "cannot open the recording");
+        ::fsync(fd);
+        ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
+        ::close(fd);
+        if (residentShare(big) < 0.05)
+            return big;
+        dropWorks = false;
+    }
+    return record("cold.kvb", 0, TargetBytes, true);
+}
+
+// Arguments: mapped (1) or read into memory (0, as before mapping, and where a file
+// cannot be mapped); cold (1) or warm (0).
 void BM_Load(benchmark::State& state)
 {
+    const bool map = state.range(0) != 0;
+    const bool cold = state.range(1) != 0;
     const std::string& path = bigRecording();
-    uint64_t bytes = 0, packets = 0;
+    uint64_t bytes = 0, packets = 0, indexBytes = 0;
+    int64_t anonymous = 0;
+    double residentBefore = 0;
     for (auto _ : state) {
+        std::string file = path;
+        if (cold) {
+            state.PauseTiming();
+            file = coldRecording();
+            residentBefore += residentShare(file);
+            state.ResumeTiming();
+        }
+        const int64_t anonymousBefore = anonymousResident();
         nda::LogReader r;
-        if (r.open(path) != NRV_OK || r.load() != NRV_OK) {
+        r.setAccess(map ? nda::LogReader::Access::Map : nda::LogReader::Access::Read);
+        if (r.open(file) != NRV_OK || r.load() != NRV_OK || r.isMapped() != map) {
             state.SkipWithError("load failed");
             break;
         }
         bytes += r.fileSize();
+        uint64_t n = 0;
         for (size_t d = 0; d < r.devices().size(); ++d)
-            packets += r.packetCount(d);
+            n += r.packetCount(d);
+        packets += n;
         benchmark::DoNotOptimize(r.packetFrame(0, 0, nullptr));
+        state.PauseTiming();
+        indexBytes += r.indexBytes();
+        anonymous += anonymousResident() - anonymousBefore;
+        state.ResumeTiming();
     }
     state.SetBytesProcessed(int64_t(bytes));
     state.counters["packets/s"] = benchmark::Counter(double(packets), benchmark::Counter::kIsRate);
     state.counters["file MB"] = double(std::filesystem::file_size(path)) / 1e6;
+    if (packets) {
+        // What a loaded recording costs beyond the page cache, per packet.
+        state.counters["index B/packet"] = double(indexBytes) / double(packets);
+        state.counters["anon B/packet"] = double(anonymous) / double(packets);
+    }
+    if (cold)
+        state.counters["cached before %"] =
+            100 * residentBefore / double(std::max<int64_t>(state.iterations(), 1));
 }
-BENCHMARK(BM_Load)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(3);
+BENCHMARK(BM_Load)
+    ->ArgNames({"map", "cold"})
+    ->Args({0, 0})
+    ->Args({1, 0})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->MinTime(3);
+BENCHMARK(BM_Load)
+    ->ArgNames({"map", "cold"})
+    ->Args({0, 1})
+    ->Args({1, 1})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(5);
 
 // Playback and export: a packet by index, decoded from the shared buffer.
 void BM_PacketByIndex(benchmark::State& state)
 {
     static nda::LogReader* reader = [] {
         auto* r = new nda::LogReader;
-        if (r->open(bigRecording()) != NRV_OK || r->load() != NRV_OK)
-            std::abort();
+        check(r->open(bigRecording()) == NRV_OK && r->load() == NRV_OK, "load failed");
         return r;
     }();
     std::mt19937 rng(1);
@@ -193,11 +363,13 @@ BENCHMARK(BM_WriterCpu)->Unit(benchmark::kMillisecond)->UseRealTime()->Iteration
 
 int main(int argc, char** argv)
 {
+    Scratch::get();
     frames();
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv))
         return 1;
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
+    Scratch::get().remove();
     return 0;
 }

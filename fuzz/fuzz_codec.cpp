@@ -125,6 +125,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         check(m.isValid());
         check(m.frameBytes() == f);
         exercisePacket(NvDataPacket::fromFrame(f.data(), f.size()));
+        // Decoded in place, against the layout the copy above left in the cache, and a
+        // copy of that: the same index.
+        const NvDataPacket view = NvDataPacket::viewFrame(f.data(), f.size());
+        exercisePacket(view);
+        const NvDataPacket copy = view;
+        check(copy == view && copy.itemCount() == view.itemCount() && !copy.isBorrowed());
     }
     // The input itself as packet data.
     if (size <= NvMessage::MaxDataSize)

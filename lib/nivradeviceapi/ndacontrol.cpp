@@ -562,7 +562,9 @@ void Port::onFrame(const NvFrameView& view)
 
 void Port::onDataPacket(NvDevice* dev, const NvFrameView& view)
 {
-    NvDataPacket packet = NvDataPacket::fromFrame(view.frame, view.size);
+    // Borrows the reader's buffer for the handlers' calls; what a handler keeps is a copy
+    // with bytes of its own.
+    NvDataPacket packet = NvDataPacket::viewFrame(view.frame, view.size);
     if (packet.isEmpty())
         return;
     // Packets outside measurement are retransmissions of a flush, in their own order.

@@ -187,6 +187,8 @@ struct NvDevice
     uint8_t logBusId = 0;
     bool recording = false;
     std::string logFileName;
+    // The packets of the last recording created on this device, kept after it ends.
+    std::shared_ptr<const nda::LogPacketCounts> logPackets;
     std::atomic<bool> awaitingFirstPacket{false};
     std::atomic<bool> flushing{false};
 

@@ -1,12 +1,14 @@
 // Recordings opened as devices: one file device per device a kvb describes (one for a bin
 // or nm file). A split recording opens from its first part and loads its parts in order
-// as one. Loading runs on a thread of the file's own; packets are served by index from
-// the readers' buffers.
+// as one. Loading runs on a thread of the file's own; packets are served by index,
+// decoded in place from the reader's mappings, which they share: a packet handed out
+// stays valid after its file device is closed.
 
 #include "ndacontrol_p.h"
 #include "nivradeviceapi.h"
 
-#include <fstream>
+#include <cerrno>
+#include <unistd.h>
 
 using nda::done;
 using nda::fail;
@@ -51,12 +53,6 @@ public:
     uint64_t skippedBytes() const;
 
 private:
-    struct Located
-    {
-        std::vector<int> indexInPart; // the device's index in each part (-1: not in it)
-        std::vector<size_t> start;    // its packets before each part
-        size_t total = 0;
-    };
     void load(std::shared_ptr<FileSource> self);
     void report(int current, int total, NvResultValue error);
 
@@ -65,8 +61,8 @@ private:
     std::mutex m_mutex; // guards the requesters
     std::vector<NvDeviceId> m_requesters;
     // Written by the loader before state becomes Loaded, read only after.
-    std::vector<std::unique_ptr<LogReader>> m_readers;
-    std::vector<Located> m_located;
+    std::unique_ptr<LogReader> m_reader;
+    std::vector<int> m_readerDevice; // each device's index in the reader (-1: none)
 };
 
 bool FileSource::startLoading(const std::shared_ptr<FileSource>& self, const NvDeviceId& requester)
@@ -113,87 +109,58 @@ void FileSource::report(int current, int total, NvResultValue error)
 void FileSource::load(std::shared_ptr<FileSource> self)
 {
     (void)self; // keeps the source while loading
-    uint64_t before = 0;
     int lastPercent = -1;
-    NvResultValue rc = NRV_OK;
-    std::vector<std::unique_ptr<LogReader>> readers;
     report(0, 100, NRV_OK);
-    for (const std::string& part : parts) {
-        auto reader = std::make_unique<LogReader>();
-        rc = reader->open(part);
-        if (rc == NRV_OK)
-            rc = reader->load(
-                [&](uint64_t doneBytes, uint64_t) {
-                    const int percent =
-                        totalBytes ? int((before + doneBytes) * 100 / totalBytes) : 100;
-                    if (percent != lastPercent && percent < 100) {
-                        lastPercent = percent;
-                        report(percent, 100, NRV_OK);
-                    }
-                },
-                &abort);
-        if (rc != NRV_OK)
-            break;
-        before += reader->fileSize();
-        readers.push_back(std::move(reader));
+    auto reader = std::make_unique<LogReader>();
+    NvResultValue rc = reader->open(parts.front());
+    if (rc == NRV_OK) {
+        reader->setFollowingParts(std::vector<std::string>(parts.begin() + 1, parts.end()));
+        rc = reader->load(
+            [&](uint64_t doneBytes, uint64_t total) {
+                const int percent = total ? int(doneBytes * 100 / total) : 100;
+                if (percent != lastPercent && percent < 100) {
+                    lastPercent = percent;
+                    report(percent, 100, NRV_OK);
+                }
+            },
+            &abort);
     }
-    if (rc != NRV_OK && !readers.empty() && rc != NRV_ABORTED)
-        rc = NRV_OK; // a later part that went missing: keep the parts that loaded
     if (rc != NRV_OK) {
         state = Failed;
         if (rc != NRV_ABORTED)
             report(0, 0, rc);
         return;
     }
-    std::vector<Located> located(devices.size());
+    std::vector<int> located(devices.size(), -1);
     for (size_t d = 0; d < devices.size(); ++d) {
-        size_t total = 0;
-        for (const auto& reader : readers) {
-            int index = -1;
-            const auto& inPart = reader->devices();
-            for (size_t i = 0; i < inPart.size(); ++i)
-                if (inPart[i].id == devices[d].id)
-                    index = int(i);
-            located[d].indexInPart.push_back(index);
-            located[d].start.push_back(total);
-            if (index >= 0)
-                total += reader->packetCount(size_t(index));
-        }
-        located[d].total = total;
+        const auto& inReader = reader->devices();
+        for (size_t i = 0; i < inReader.size() && located[d] < 0; ++i)
+            if (inReader[i].id == devices[d].id)
+                located[d] = int(i);
     }
-    m_readers = std::move(readers);
-    m_located = std::move(located);
+    m_reader = std::move(reader);
+    m_readerDevice = std::move(located);
     state = Loaded;
     report(100, 100, NRV_OK);
 }
 
 size_t FileSource::packetCount(size_t device) const
 {
-    if (state != Loaded || device >= m_located.size())
+    if (state != Loaded || device >= m_readerDevice.size() || m_readerDevice[device] < 0)
         return 0;
-    return m_located[device].total;
+    return m_reader->packetCount(size_t(m_readerDevice[device]));
 }
 
 NvDataPacket FileSource::packet(size_t device, size_t index) const
 {
-    if (state != Loaded || device >= m_located.size() || index >= m_located[device].total)
+    if (state != Loaded || device >= m_readerDevice.size() || m_readerDevice[device] < 0)
         return NvDataPacket();
-    const Located& l = m_located[device];
-    // The last part that starts at or before the index.
-    size_t part = std::upper_bound(l.start.begin(), l.start.end(), index) - l.start.begin() - 1;
-    while (l.indexInPart[part] < 0 ||
-           index - l.start[part] >= m_readers[part]->packetCount(size_t(l.indexInPart[part])))
-        ++part;
-    return m_readers[part]->packet(size_t(l.indexInPart[part]), index - l.start[part]);
+    return m_reader->packet(size_t(m_readerDevice[device]), index);
 }
 
 uint64_t FileSource::skippedBytes() const
 {
-    uint64_t n = 0;
-    if (state == Loaded)
-        for (const auto& r : m_readers)
-            n += r->skippedBytes();
-    return n;
+    return state == Loaded ? m_reader->skippedBytes() : 0;
 }
 
 } // namespace nda
@@ -228,8 +195,22 @@ bool NvControl::openFile(const NvString& path)
     constexpr size_t HeadBytes = size_t(4) << 20;
     std::vector<uint8_t> head(size_t(std::min<uint64_t>(probe.fileSize(), HeadBytes)));
     {
-        std::ifstream in(path, std::ios::binary);
-        if (!in.read(reinterpret_cast<char*>(head.data()), std::streamsize(head.size())))
+        int fd = -1;
+        uint64_t size = 0;
+        rc = nda::openRegularFile(path, &fd, &size);
+        if (rc != NRV_OK)
+            return fail(rc);
+        size_t got = 0;
+        while (got < head.size()) {
+            const ssize_t n = ::pread(fd, head.data() + got, head.size() - got, off_t(got));
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n <= 0)
+                break;
+            got += size_t(n);
+        }
+        ::close(fd);
+        if (got < head.size())
             return fail(NRV_FILE_READ_ERROR);
     }
     nda::LogReader headReader;

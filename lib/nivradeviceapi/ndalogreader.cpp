@@ -5,8 +5,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <new>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,6 +20,11 @@ namespace {
 constexpr uint16_t NoDevice = 0xFFFF;
 constexpr size_t SniffBytes = 64 * 1024;
 constexpr size_t HeaderFixedSize = 24;
+
+uint32_t getU32(const uint8_t* p)
+{
+    return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
+}
 
 uint64_t getU64(const uint8_t* p)
 {
@@ -201,7 +208,99 @@ bool parseCoordinate(const Field& value, const Field& hemisphere, double& out)
 
 } // namespace
 
-bool LogReader::Buffer::allocate(uint64_t size)
+NvResultValue openRegularFile(const std::string& path, int* fd, uint64_t* size)
+{
+    *fd = -1;
+    *size = 0;
+    struct stat st
+    {
+    };
+    if (::stat(path.c_str(), &st) != 0)
+        return errno == ENOENT || errno == ENOTDIR ? NRV_FILE_NOT_FOUND : NRV_FILE_READ_ERROR;
+    if (!S_ISREG(st.st_mode))
+        return NRV_NOT_A_REGULAR_FILE;
+    // Non-blocking and checked again: the name may have become a FIFO since the stat.
+    const int f = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    if (f < 0)
+        return errno == ENOENT || errno == ENOTDIR ? NRV_FILE_NOT_FOUND : NRV_FILE_READ_ERROR;
+    if (::fstat(f, &st) != 0 || !S_ISREG(st.st_mode)) {
+        ::close(f);
+        return NRV_NOT_A_REGULAR_FILE;
+    }
+    *fd = f;
+    *size = uint64_t(st.st_size);
+    return NRV_OK;
+}
+
+LogReader::OffsetList::OffsetList(OffsetList&& other) noexcept
+    : m_data(other.m_data), m_size(other.m_size), m_capacity(other.m_capacity)
+{
+    other.m_data = nullptr;
+    other.m_size = other.m_capacity = 0;
+}
+
+LogReader::OffsetList& LogReader::OffsetList::operator=(OffsetList&& other) noexcept
+{
+    if (this != &other) {
+        std::free(m_data);
+        m_data = other.m_data;
+        m_size = other.m_size;
+        m_capacity = other.m_capacity;
+        other.m_data = nullptr;
+        other.m_size = other.m_capacity = 0;
+    }
+    return *this;
+}
+
+LogReader::OffsetList::~OffsetList()
+{
+    std::free(m_data);
+}
+
+void LogReader::OffsetList::grow()
+{
+    const size_t capacity = m_capacity ? m_capacity * 2 : 1024;
+    void* p = std::realloc(m_data, capacity * EntryBytes);
+    if (!p)
+        throw std::bad_alloc();
+    m_data = static_cast<uint8_t*>(p);
+    m_capacity = capacity;
+}
+
+void LogReader::OffsetList::shrink()
+{
+    if (m_size == m_capacity)
+        return;
+    if (m_size == 0) {
+        std::free(m_data);
+        m_data = nullptr;
+        m_capacity = 0;
+        return;
+    }
+    if (void* p = std::realloc(m_data, m_size * EntryBytes)) {
+        m_data = static_cast<uint8_t*>(p);
+        m_capacity = m_size;
+    }
+}
+
+bool LogReader::Bytes::map(int fd, uint64_t size)
+{
+    reset();
+    if (size == 0 || size > uint64_t(SIZE_MAX))
+        return false;
+    void* map = ::mmap(nullptr, size_t(size), PROT_READ, MAP_SHARED, fd, 0);
+    if (map == MAP_FAILED)
+        return false;
+    // Larger read-ahead while the file is indexed, from start to end.
+    ::madvise(map, size_t(size), MADV_SEQUENTIAL);
+    m_map = map;
+    m_mapSize = size_t(size);
+    m_data = static_cast<uint8_t*>(map);
+    m_mapping = true;
+    return true;
+}
+
+bool LogReader::Bytes::allocate(uint64_t size)
 {
     reset();
     constexpr size_t Huge = size_t(2) << 20;
@@ -224,13 +323,94 @@ bool LogReader::Buffer::allocate(uint64_t size)
     return true;
 }
 
-void LogReader::Buffer::reset()
+void LogReader::Bytes::reset()
 {
     if (m_map)
         ::munmap(m_map, m_mapSize);
     m_map = nullptr;
     m_mapSize = 0;
     m_data = nullptr;
+    m_mapping = false;
+}
+
+int64_t LogReader::CounterOrder::next(const uint8_t* d, size_t n)
+{
+    // The first item of each quantity counts, as for NvDataPacket.
+    bool seenCounter = false, seenTime = false, haveCounter = false, haveTime = false;
+    uint16_t counter = 0;
+    uint32_t time = 0;
+    size_t pos = 0;
+    // Most devices send the counter first and the sample time next.
+    if (n >= 12 && (d[0] << 8 | (d[1] & 0xF0)) == NDI_PACKET_COUNTER && d[2] == 2 &&
+        (d[5] << 8 | (d[6] & 0xF0)) == NDI_SAMPLE_TIME_FINE && d[7] == 4) {
+        seenCounter = haveCounter = seenTime = haveTime = true;
+        counter = uint16_t(d[3] << 8 | d[4]);
+        time = getU32(d + 8);
+        pos = n;
+    }
+    for (; pos + 3 <= n && !(seenCounter && seenTime);) {
+        const unsigned id = (unsigned(d[pos]) << 8 | d[pos + 1]) & NDI_QUANTITY_MASK;
+        const size_t size = d[pos + 2];
+        const uint8_t* p = d + pos + 3;
+        if (pos + 3 + size > n)
+            break;
+        if (id == NDI_PACKET_COUNTER && !seenCounter) {
+            seenCounter = true;
+            haveCounter = size >= 2;
+            counter = haveCounter ? uint16_t(p[0] << 8 | p[1]) : 0;
+        } else if (id == NDI_SAMPLE_TIME_FINE && !seenTime) {
+            seenTime = true;
+            haveTime = size >= 4;
+            time = haveTime ? getU32(p) : 0;
+        }
+        pos += 3 + size;
+    }
+    if (!haveCounter)
+        return m_key;
+    if (!m_started) {
+        m_started = true;
+        m_key = counter;
+    } else {
+        const int step16 = int16_t(uint16_t(counter - m_counter));
+        int64_t step = step16;
+        if (haveTime && m_haveTime) {
+            const int64_t ticks = int32_t(time - m_time);
+            // Forward in counter and time, at about the pace seen so far: the usual case.
+            const bool plausible =
+                step16 > 0 && ticks > 0 &&
+                (m_refTicks == 0 ||
+                 std::llabs(ticks * m_refStep - step16 * m_refTicks) < 32768 * m_refTicks);
+            if (!plausible)
+                step = resolve(step16, ticks);
+            else if (step16 <= 1024)
+                m_refStep = step16, m_refTicks = ticks;
+        }
+        m_key += step;
+    }
+    m_counter = counter;
+    m_haveTime = haveTime;
+    m_time = time;
+    return m_key;
+}
+
+// The step of the counter, in whole turns of 65536, that moves the way the sample time
+// does and comes nearest the pace of the last ordinary step. A flush reaching back
+// further than half the counter's range, and a counter that starts again from 0 when
+// the device goes back into measurement, come out right this way.
+int64_t LogReader::CounterOrder::resolve(int step16, int64_t ticks) const
+{
+    if (ticks == 0)
+        return step16;
+    int64_t step = step16;
+    if (m_refTicks > 0) {
+        const double want = double(ticks) * m_refStep / double(m_refTicks);
+        step += 65536 * std::llround((want - step16) / 65536);
+    }
+    while (ticks > 0 && step <= 0)
+        step += 65536;
+    while (ticks < 0 && step >= 0)
+        step -= 65536;
+    return step;
 }
 
 LogReader::LogReader() : m_epoch(new logdetail::NmEpoch)
@@ -244,9 +424,11 @@ void LogReader::reset()
 {
     m_loaded = false;
     m_complete = m_continues = false;
+    m_parts.clear();
     m_devices.clear();
     m_index.clear();
     std::fill(std::begin(m_busToDevice), std::end(m_busToDevice), NoDevice);
+    m_binBusId = -1;
     m_timeMarks.clear();
     m_sentences.clear();
     m_synth.clear();
@@ -258,23 +440,19 @@ NvResultValue LogReader::open(const std::string& path)
 {
     reset();
     m_header = HeaderInfo();
-    m_data.reset();
-    m_dataSize = 0;
+    m_memory.reset();
+    m_memorySize = 0;
+    m_following.clear();
     m_fromMemory = false;
     m_path = path;
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
-        return errno == ENOENT || errno == ENOTDIR ? NRV_FILE_NOT_FOUND : NRV_FILE_READ_ERROR;
-    struct stat st
-    {
-    };
-    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        ::close(fd);
-        return NRV_FILE_NOT_FOUND;
-    }
+    int fd = -1;
+    uint64_t size = 0;
+    const NvResultValue rc = openRegularFile(path, &fd, &size);
+    if (rc != NRV_OK)
+        return rc;
     uint8_t head[SniffBytes];
     size_t got = 0;
-    const size_t want = size_t(std::min<uint64_t>(SniffBytes, uint64_t(st.st_size)));
+    const size_t want = size_t(std::min<uint64_t>(SniffBytes, size));
     while (got < want) {
         const ssize_t n = ::pread(fd, head + got, want - got, off_t(got));
         if (n < 0 && errno == EINTR)
@@ -284,7 +462,7 @@ NvResultValue LogReader::open(const std::string& path)
         got += size_t(n);
     }
     ::close(fd);
-    return sniff(head, got, uint64_t(st.st_size));
+    return sniff(head, got, size);
 }
 
 NvResultValue LogReader::openMemory(const uint8_t* data, size_t size)
@@ -292,13 +470,17 @@ NvResultValue LogReader::openMemory(const uint8_t* data, size_t size)
     reset();
     m_header = HeaderInfo();
     m_path.clear();
+    m_following.clear();
     m_fromMemory = true;
-    if (!m_data.allocate(size))
+    // Packets of an earlier load may still share the old copy.
+    m_memory = std::make_shared<Bytes>();
+    m_memorySize = 0;
+    if (!m_memory->allocate(size))
         return NRV_OUT_OF_MEMORY;
     if (size)
-        std::memcpy(m_data.get(), data, size);
-    m_dataSize = size;
-    return sniff(m_data.get(), std::min(size, SniffBytes), size);
+        std::memcpy(m_memory->get(), data, size);
+    m_memorySize = size;
+    return sniff(m_memory->get(), std::min(size, SniffBytes), size);
 }
 
 NvResultValue LogReader::sniff(const uint8_t* head, size_t n, uint64_t fileSize)
@@ -344,28 +526,23 @@ NvResultValue LogReader::load(const std::function<void(uint64_t, uint64_t)>& pro
                               const std::atomic<bool>* abort)
 {
     reset();
-    int fd = -1;
-    uint64_t total = m_fileSize;
-    if (!m_fromMemory) {
-        fd = ::open(m_path.c_str(), O_RDONLY | O_CLOEXEC);
-        if (fd < 0)
-            return errno == ENOENT ? NRV_FILE_NOT_FOUND : NRV_FILE_READ_ERROR;
-        struct stat st
-        {
-        };
-        if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode))
-            total = uint64_t(st.st_size); // a recording may have grown since open()
-        if (!m_data.allocate(total)) {
-            ::close(fd);
-            return NRV_OUT_OF_MEMORY;
-        }
-        m_dataSize = 0;
-        ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
-    } else {
-        total = m_dataSize;
+    NvResultValue rc;
+    try {
+        rc = loadParts(progress, abort);
+    } catch (const std::bad_alloc&) {
+        rc = NRV_OUT_OF_MEMORY;
     }
-    m_fileSize = total;
+    if (rc != NRV_OK) {
+        reset();
+        return rc;
+    }
+    m_loaded = true;
+    return NRV_OK;
+}
 
+NvResultValue LogReader::loadParts(const std::function<void(uint64_t, uint64_t)>& progress,
+                                   const std::atomic<bool>* abort)
+{
     if (m_type == Type::Bin || m_type == Type::Nm) {
         Device d;
         d.id = m_type == Type::Nm ? logNmPlaceholderId() : logBinPlaceholderId();
@@ -374,83 +551,217 @@ NvResultValue LogReader::load(const std::function<void(uint64_t, uint64_t)>& pro
         m_index.emplace_back();
     }
 
-    // Read a slice, index it while it is warm in the cache; a frame or line cut by the
-    // slice's end is taken up again by the next one.
+    // Every part is opened first: the total for the progress, and a part that cannot be
+    // opened ends the recording before it.
+    struct File
+    {
+        int fd = -1;
+        uint64_t size = 0;
+    };
+    struct Files : std::vector<File>
+    {
+        ~Files()
+        {
+            for (const File& f : *this)
+                if (f.fd >= 0)
+                    ::close(f.fd);
+        }
+    } files;
+    uint64_t total = 0;
+    if (m_fromMemory) {
+        files.push_back({-1, m_memorySize});
+    } else {
+        std::vector<std::string> paths{m_path};
+        if (m_type == Type::Kvb)
+            paths.insert(paths.end(), m_following.begin(), m_following.end());
+        for (const std::string& path : paths) {
+            File f;
+            const NvResultValue rc = openRegularFile(path, &f.fd, &f.size);
+            if (rc != NRV_OK) {
+                if (files.empty())
+                    return rc;
+                break;
+            }
+            files.push_back(f);
+        }
+    }
+    for (const File& f : files)
+        total += f.size;
+    if (files[0].size >= OffsetList::Limit)
+        return NRV_NOT_SUPPORTED;
+
+    // Index a slice while it is warm in the cache (1/128 of the whole, so that progress
+    // and abort come at least every 1 %); a frame or line cut by a slice's end is taken
+    // up again by the next one.
     const uint64_t slice = std::clamp<uint64_t>(total / 128, 4096, 8 << 20);
-    uint64_t readEnd = 0;
-    uint64_t parsed = 0;
+    uint64_t before = 0; // bytes of the parts before this one
     NvFrameParser parser;
-    NvResultValue result = NRV_OK;
-    while (readEnd < total) {
-        const uint64_t want = std::min(slice, total - readEnd);
-        if (!m_fromMemory) {
-            uint64_t got = 0;
-            while (got < want) {
-                const ssize_t n = ::read(fd, m_data.get() + readEnd + got, size_t(want - got));
-                if (n < 0 && errno == EINTR)
-                    continue;
-                if (n < 0) {
-                    result = NRV_FILE_READ_ERROR;
-                    break;
+    bool ended = false;
+    for (size_t i = 0; i < files.size() && !ended; ++i) {
+        if (before + files[i].size > OffsetList::Limit)
+            break;
+        Part part;
+        part.base = before;
+        part.size = files[i].size;
+        bool mapped = false;
+        if (m_fromMemory) {
+            part.bytes = m_memory;
+        } else {
+            part.bytes = std::make_shared<Bytes>();
+            mapped = m_access == Access::Map && part.bytes->map(files[i].fd, part.size);
+            if (!mapped && part.size > 0 && !part.bytes->allocate(part.size))
+                return NRV_OUT_OF_MEMORY;
+            if (!mapped)
+                ::posix_fadvise(files[i].fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+        }
+        part.data = part.bytes->get();
+        m_parts.push_back(std::move(part));
+        Part& p = m_parts.back();
+        const unsigned number = m_header.part + unsigned(i);
+        const bool complete = m_complete, continues = m_continues;
+        // Bus ids stay with their devices from part to part (the writer keeps them).
+        m_complete = m_continues = false;
+        parser.reset();
+        uint64_t readEnd = 0, parsed = 0;
+        while (readEnd < p.size) {
+            const uint64_t want = std::min(slice, p.size - readEnd);
+            uint64_t got = want;
+            if (mapped) {
+                got = populate(p, readEnd, want, files[i].fd);
+            } else if (!m_fromMemory) {
+                got = 0;
+                while (got < want) {
+                    const ssize_t n = ::pread(files[i].fd, p.bytes->get() + readEnd + got,
+                                              size_t(want - got), off_t(readEnd + got));
+                    if (n < 0 && errno == EINTR)
+                        continue;
+                    if (n < 0)
+                        return NRV_FILE_READ_ERROR;
+                    if (n == 0)
+                        break;
+                    got += uint64_t(n);
                 }
-                if (n == 0)
-                    break;
-                got += uint64_t(n);
             }
             readEnd += got;
-            m_dataSize = readEnd;
-            if (result != NRV_OK)
-                break;
             if (got < want)
-                total = readEnd; // the file shrank under us: index what is there
-        } else {
-            readEnd += want;
+                p.size = readEnd; // the file shrank under us: index what is there
+            if (i > 0 && parsed == 0 && !isNextPart(p.data, readEnd, number)) {
+                // Replaced since the parts were listed: the recording ends before it.
+                m_parts.pop_back();
+                m_complete = complete, m_continues = continues;
+                ended = true;
+                break;
+            }
+            indexSlice(p, parsed, readEnd, readEnd >= p.size, parser);
+            if (progress)
+                progress(before + readEnd, total);
+            if (abort && abort->load(std::memory_order_relaxed))
+                return NRV_ABORTED;
         }
-        const bool last = readEnd >= total;
-        if (m_type == Type::Nm) {
-            parsed = indexNm(parsed, readEnd, last);
-        } else {
-            const uint8_t* base = m_data.get();
-            parser.reset();
-            if (m_type == Type::Kvb)
-                parser.feed(base + parsed, size_t(readEnd - parsed),
-                            [&](const NvFrameView& v) { onKvbFrame(uint64_t(v.frame - base), v); });
-            else
-                parser.feed(base + parsed, size_t(readEnd - parsed),
-                            [&](const NvFrameView& v) { onBinFrame(uint64_t(v.frame - base), v); });
-            const NvFrameParser::Counters& c = parser.counters();
-            m_frames += c.frames;
-            m_checksumErrors += c.checksumErrors;
-            m_skipped += c.skippedBytes;
-            parsed = readEnd - parser.pendingBytes();
-        }
-        if (progress)
-            progress(readEnd, total);
-        if (abort && abort->load(std::memory_order_relaxed)) {
-            result = NRV_ABORTED;
+        if (ended)
             break;
-        }
+        if (mapped) // playback reads here and there, and again
+            ::madvise(const_cast<uint8_t*>(p.data), size_t(files[i].size), MADV_NORMAL);
+        // What is left is a frame (or line) the part ends inside of.
+        m_truncated += readEnd - parsed;
+        before += p.size;
     }
-    if (fd >= 0)
-        ::close(fd);
-    if (result != NRV_OK) {
-        reset();
-        return result;
+    m_fileSize = before;
+    for (DeviceIndex& ix : m_index) {
+        if (!ix.inOrder && (m_type == Type::Kvb || (m_type == Type::Bin && m_binBusId >= 0)))
+            sortByCounter(ix);
+        ix.packets.shrink();
+        ix.messages.shrink_to_fit();
     }
-    // What is left is a frame (or line) the file ends inside of.
-    m_truncated = readEnd - parsed;
-    m_fileSize = total;
-    m_loaded = true;
     return NRV_OK;
+}
+
+// Maps the pages of [offset, offset + size) of a mapped part before they are read; a
+// part cut short since it was mapped ends where its file ends now, rather than in a
+// SIGBUS. Returns how many of the bytes are there.
+uint64_t LogReader::populate(const Part& p, uint64_t offset, uint64_t size, int fd)
+{
+    static const long page = ::sysconf(_SC_PAGESIZE);
+    const uint64_t from = offset / uint64_t(page) * uint64_t(page);
+    uint8_t* start = const_cast<uint8_t*>(p.data) + from;
+    if (::madvise(start, size_t(offset + size - from), MADV_POPULATE_READ) == 0 ||
+        (errno != EFAULT && errno != EIO))
+        return size; // done, or a kernel without it: the pages come by faults
+    struct stat st
+    {
+    };
+    if (::fstat(fd, &st) != 0 || uint64_t(st.st_size) >= offset + size)
+        return size;
+    return uint64_t(st.st_size) > offset ? uint64_t(st.st_size) - offset : 0;
+}
+
+bool LogReader::isNextPart(const uint8_t* data, uint64_t size, unsigned part) const
+{
+    if (size < 4 || !matchesHeaderPrefix(data, size_t(std::min<uint64_t>(size, 7))) ||
+        declaredSize(data) > size ||
+        NvMessage::checkFrame(data, declaredSize(data)) != NvFrameCheck::Ok ||
+        declaredSize(data) < 5 + HeaderFixedSize)
+        return false;
+    const uint8_t* d = data + 4;
+    return d[3] == LogFormatVersion && (unsigned(d[6]) << 8 | d[7]) == part &&
+           getU64(d + 16) == m_header.recordingId;
+}
+
+void LogReader::indexSlice(Part& p, uint64_t& parsed, uint64_t end, bool last,
+                           NvFrameParser& parser)
+{
+    if (m_type == Type::Nm) {
+        parsed = indexNm(parsed, end, last);
+        return;
+    }
+    const uint8_t* base = p.data;
+    const uint64_t at = p.base;
+    parser.reset();
+    if (m_type == Type::Kvb)
+        parser.feed(base + parsed, size_t(end - parsed),
+                    [&](const NvFrameView& v) { onKvbFrame(at + uint64_t(v.frame - base), v); });
+    else
+        parser.feed(base + parsed, size_t(end - parsed),
+                    [&](const NvFrameView& v) { onBinFrame(at + uint64_t(v.frame - base), v); });
+    const NvFrameParser::Counters& c = parser.counters();
+    m_frames += c.frames;
+    m_checksumErrors += c.checksumErrors;
+    m_skipped += c.skippedBytes;
+    parsed = end - parser.pendingBytes();
+}
+
+void LogReader::addPacket(DeviceIndex& ix, uint64_t offset, const NvFrameView& v)
+{
+    ix.packets.push(offset);
+    const int64_t key = ix.order.next(v.data(), v.dataSize());
+    ix.inOrder = ix.inOrder && key >= ix.lastKey;
+    ix.lastKey = std::max(ix.lastKey, key);
+}
+
+void LogReader::sortByCounter(DeviceIndex& ix)
+{
+    // The keys again, from the start: offsets in file order are unique, so sorting the
+    // pairs keeps packets with equal keys in file order.
+    std::vector<std::pair<int64_t, uint64_t>> keyed(ix.packets.size());
+    CounterOrder order;
+    for (size_t i = 0; i < keyed.size(); ++i) {
+        const uint64_t offset = ix.packets[i];
+        const uint8_t* f = at(offset);
+        const size_t header = f[3] == NvMessage::ExtendedLength ? 6 : 4;
+        keyed[i] = {order.next(f + header, declaredSize(f) - header - 1), offset};
+    }
+    std::sort(keyed.begin(), keyed.end());
+    for (size_t i = 0; i < keyed.size(); ++i)
+        ix.packets.set(i, keyed[i].second);
 }
 
 void LogReader::onKvbFrame(uint64_t offset, const NvFrameView& v)
 {
     const uint8_t bus = v.busId();
     const uint8_t mid = v.messageId();
-    const uint16_t device = m_busToDevice[bus];
+    uint16_t device = m_busToDevice[bus];
     if (mid == NvMid::DataPacket && device != NoDevice) {
-        m_index[device].packets.push_back(offset);
+        addPacket(m_index[device], offset, v);
         return;
     }
     if (bus == LogFileBusId) {
@@ -463,6 +774,10 @@ void LogReader::onKvbFrame(uint64_t offset, const NvFrameView& v)
             ++m_unknownFrames;
         return;
     }
+    if (mid == NvMid::DeviceId && device != NoDevice && m_parts.size() > 1 &&
+        (v.dataSize() == 4 || v.dataSize() == 8) &&
+        NvDeviceId::fromWire(v.data(), v.dataSize()) != m_devices[device].id)
+        device = NoDevice; // a later part gave the bus id to another device
     if (device == NoDevice) {
         if (mid != NvMid::DeviceId || bus == NvMessage::BusIdDevice) {
             ++m_unknownFrames;
@@ -484,7 +799,13 @@ void LogReader::onKvbFrame(uint64_t offset, const NvFrameView& v)
 void LogReader::onBinFrame(uint64_t offset, const NvFrameView& v)
 {
     if (v.messageId() == NvMid::DataPacket) {
-        m_index[0].packets.push_back(offset);
+        // A capture of a master's port holds several trackers: their counters do not
+        // make one sequence, and such a capture keeps its file order.
+        if (m_binBusId == -1)
+            m_binBusId = v.busId();
+        else if (m_binBusId != v.busId())
+            m_binBusId = -2;
+        addPacket(m_index[0], offset, v);
         return;
     }
     m_index[0].messages.push_back(offset);
@@ -557,7 +878,7 @@ void LogReader::describe(Device& d, DeviceIndex& ix, const NvFrameView& v)
 
 uint64_t LogReader::indexNm(uint64_t begin, uint64_t end, bool last)
 {
-    const char* s = reinterpret_cast<const char*>(m_data.get());
+    const char* s = reinterpret_cast<const char*>(m_parts[0].data);
     uint64_t pos = begin;
     while (pos < end) {
         const void* nl = std::memchr(s + pos, '\n', size_t(end - pos));
@@ -689,15 +1010,50 @@ void LogReader::finishEpoch()
     }
     b.setStatusWord(e.fix ? uint32_t(NvStatus::GnssFix) : 0u);
     const NvMessage m = b.toMessage();
-    m_index[0].packets.push_back(m_synth.size());
+    m_index[0].packets.push(m_synth.size());
     m_synth.insert(m_synth.end(), m.frame(), m.frame() + m.frameSize());
     e.time.clear();
     e.havePosition = e.haveAltitude = e.haveGeoid = e.haveVelocity = e.fix = false;
 }
 
-const uint8_t* LogReader::packetBase() const
+const LogReader::Part& LogReader::partOf(uint64_t offset) const
 {
-    return m_type == Type::Nm ? m_synth.data() : m_data.get();
+    if (m_parts.size() == 1)
+        return m_parts[0];
+    auto it = std::upper_bound(m_parts.begin(), m_parts.end(), offset,
+                               [](uint64_t o, const Part& p) { return o < p.base; });
+    return *--it;
+}
+
+const uint8_t* LogReader::at(uint64_t offset) const
+{
+    const Part& p = partOf(offset);
+    return p.data + (offset - p.base);
+}
+
+const uint8_t* LogReader::packetAt(uint64_t offset) const
+{
+    return m_type == Type::Nm ? m_synth.data() + offset : at(offset);
+}
+
+bool LogReader::isMapped() const
+{
+    if (m_parts.empty())
+        return false;
+    for (const Part& p : m_parts)
+        if (!p.bytes || !p.bytes->isMapping())
+            return false;
+    return true;
+}
+
+size_t LogReader::indexBytes() const
+{
+    size_t n = m_devices.capacity() * sizeof(Device) + m_index.capacity() * sizeof(DeviceIndex) +
+               m_timeMarks.capacity() * sizeof(TimeMark) + m_sentences.capacity() * sizeof(Span) +
+               m_synth.capacity() + m_parts.capacity() * sizeof(Part);
+    for (const DeviceIndex& ix : m_index)
+        n += ix.packets.bytes() + ix.messages.capacity() * sizeof(uint64_t);
+    return n;
 }
 
 size_t LogReader::packetCount(size_t device) const
@@ -712,7 +1068,7 @@ const uint8_t* LogReader::packetFrame(size_t device, size_t index, size_t* size)
             *size = 0;
         return nullptr;
     }
-    const uint8_t* f = packetBase() + m_index[device].packets[index];
+    const uint8_t* f = packetAt(m_index[device].packets[index]);
     if (size)
         *size = declaredSize(f);
     return f;
@@ -720,9 +1076,16 @@ const uint8_t* LogReader::packetFrame(size_t device, size_t index, size_t* size)
 
 NvDataPacket LogReader::packet(size_t device, size_t index) const
 {
-    size_t size = 0;
-    const uint8_t* f = packetFrame(device, index, &size);
-    return f ? NvDataPacket::fromFrame(f, size) : NvDataPacket();
+    if (device >= m_index.size() || index >= m_index[device].packets.size())
+        return NvDataPacket();
+    const uint64_t offset = m_index[device].packets[index];
+    if (m_type == Type::Nm) {
+        const uint8_t* f = m_synth.data() + offset;
+        return NvDataPacket::fromFrame(f, declaredSize(f));
+    }
+    const Part& p = partOf(offset);
+    const uint8_t* f = p.data + (offset - p.base);
+    return NvDataPacket::viewFrame(f, declaredSize(f), p.bytes);
 }
 
 uint64_t LogReader::packetHostTime(size_t device, size_t index) const
@@ -744,7 +1107,7 @@ NvMessage LogReader::message(size_t device, size_t index) const
 {
     if (device >= m_index.size() || index >= m_index[device].messages.size())
         return {};
-    const uint8_t* f = m_data.get() + m_index[device].messages[index];
+    const uint8_t* f = at(m_index[device].messages[index]);
     return NvMessage::fromFrame(f, declaredSize(f));
 }
 
@@ -753,7 +1116,7 @@ std::string LogReader::sentence(size_t index) const
     if (index >= m_sentences.size())
         return {};
     const Span& s = m_sentences[index];
-    return std::string(reinterpret_cast<const char*>(m_data.get()) + s.offset, s.size);
+    return std::string(reinterpret_cast<const char*>(m_parts[0].data) + s.offset, s.size);
 }
 
 std::vector<std::string> LogReader::followingParts() const

@@ -76,6 +76,25 @@ NvResultValue resultOf(int err)
 
 constexpr size_t EndFrameSize = 4 + 3 + 1;
 
+bool isDataPacket(const uint8_t* frame, size_t size)
+{
+    return size > 2 && frame[2] == NvMid::DataPacket && frame[1] != LogFileBusId;
+}
+
+// The data packets among the whole frames in [data, data + size).
+uint64_t dataPacketsIn(const uint8_t* data, size_t size)
+{
+    uint64_t packets = 0;
+    for (size_t pos = 0; pos + NvMessage::MinFrameSize <= size;) {
+        const size_t frameSize = declaredSize(data + pos);
+        if (pos + frameSize > size)
+            break;
+        packets += isDataPacket(data + pos, frameSize);
+        pos += frameSize;
+    }
+    return packets;
+}
+
 } // namespace
 
 std::string logPartPath(const std::string& firstPart, unsigned part)
@@ -124,6 +143,7 @@ NvResultValue LogWriter::create(const std::string& path, const LogWriterOptions&
         m_buffer.clear();
         m_buffer.reserve(2 * WakeBytes);
         m_bufferAppended = 0;
+        m_bufferPackets = 0;
         m_devices.clear();
         m_parts.clear();
         m_stop = m_failed = m_wakePending = false;
@@ -137,6 +157,7 @@ NvResultValue LogWriter::create(const std::string& path, const LogWriterOptions&
     m_framesWritten = 0;
     m_bytesWritten = 0;
     m_dropped = 0;
+    m_packetCounts = std::make_shared<LogPacketCounts>();
     std::random_device entropy;
     m_recordingId = uint64_t(entropy()) << 32 ^ entropy() ^ clockNs(CLOCK_MONOTONIC);
     m_createdUtc = clockNs(CLOCK_REALTIME);
@@ -196,14 +217,13 @@ void LogWriter::append(uint8_t fileBusId, const uint8_t* frame, size_t size)
         ++m_dropped;
         return;
     }
+    const bool packet = frame[2] == NvMid::DataPacket;
     const uint64_t now = monoNs();
     std::lock_guard<std::mutex> lock(m_mutex);
-    if (!m_open || m_failed || fileBusId == 0 || fileBusId > m_devices.size()) {
+    if (!m_open || m_failed || fileBusId == 0 || fileBusId > m_devices.size() ||
+        m_buffer.size() + size > m_options.maxBufferBytes) {
         ++m_dropped;
-        return;
-    }
-    if (m_buffer.size() + size > m_options.maxBufferBytes) {
-        ++m_dropped;
+        m_packetCounts->lost += packet;
         return;
     }
     if (now - m_lastMark >= TimeMarkIntervalNs)
@@ -212,6 +232,7 @@ void LogWriter::append(uint8_t fileBusId, const uint8_t* frame, size_t size)
     m_buffer.insert(m_buffer.end(), frame, frame + size);
     rebus(m_buffer.data() + at, size, fileBusId);
     ++m_bufferAppended;
+    m_bufferPackets += packet;
     if (m_buffer.size() >= WakeBytes && !m_wakePending) {
         m_wakePending = true;
         m_wake.notify_one();
@@ -277,6 +298,8 @@ void LogWriter::fail(int err)
         m_failed = true;
         m_error = result = resultOf(err);
         m_buffer.clear();
+        m_packetCounts->lost += m_bufferPackets;
+        m_bufferPackets = 0;
         handler = m_errorHandler;
     }
     if (handler)
@@ -306,6 +329,7 @@ bool LogWriter::writeRange(const uint8_t* data, size_t size)
         m_bytesWritten += size;
         return true;
     }
+    m_rangeKept = 0;
     // Cut back to the last whole frame so that the file stays a sequence of frames.
     size_t keep = 0;
     while (keep < size) {
@@ -319,6 +343,7 @@ bool LogWriter::writeRange(const uint8_t* data, size_t size)
     ::fdatasync(m_fd);
     m_partBytes += keep;
     m_bytesWritten += keep;
+    m_rangeKept = keep;
     fail(err);
     return false;
 }
@@ -326,6 +351,13 @@ bool LogWriter::writeRange(const uint8_t* data, size_t size)
 bool LogWriter::openPart(unsigned part)
 {
     const std::string path = logPartPath(m_path, part);
+    // A file of that name goes rather than being cut to nothing: a reader may have it
+    // mapped, and its pages would vanish under it (SIGBUS).
+    struct stat st
+    {
+    };
+    if (::lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode))
+        ::unlink(path.c_str());
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0) {
         if (part > 1)
@@ -377,15 +409,23 @@ bool LogWriter::finishPart(bool continues)
     return ok;
 }
 
-bool LogWriter::writeBuffer(std::vector<uint8_t>& buffer, uint64_t appended)
+bool LogWriter::writeBuffer(std::vector<uint8_t>& buffer, uint64_t appended, uint64_t packets)
 {
     const uint8_t* p = buffer.data();
     const size_t size = buffer.size();
+    // On an error only the packets before the cut reached the file; the rest are lost.
+    auto failed = [&](size_t reached) {
+        const uint64_t written = dataPacketsIn(p, reached);
+        m_packetCounts->written += written;
+        m_packetCounts->lost += packets - written;
+        return false;
+    };
     if (m_options.splitBytes == 0) {
         if (size && !writeRange(p, size))
-            return false;
+            return failed(m_rangeKept);
         m_partHasData = m_partHasData || size > 0;
         m_framesWritten += appended;
+        m_packetCounts->written += packets;
         return true;
     }
     size_t start = 0;
@@ -395,8 +435,10 @@ bool LogWriter::writeBuffer(std::vector<uint8_t>& buffer, uint64_t appended)
         const size_t frameSize = declaredSize(p + pos);
         if ((m_partHasData || rangeHasData) &&
             m_partBytes + (pos - start) + frameSize + EndFrameSize > m_options.splitBytes) {
-            if (!writeRange(p + start, pos - start) || !finishPart(true) || !openPart(m_part + 1))
-                return false;
+            if (!writeRange(p + start, pos - start))
+                return failed(start + m_rangeKept);
+            if (!finishPart(true) || !openPart(m_part + 1))
+                return failed(pos);
             start = pos;
             rangeHasData = false;
         }
@@ -404,9 +446,10 @@ bool LogWriter::writeBuffer(std::vector<uint8_t>& buffer, uint64_t appended)
         pos += frameSize;
     }
     if (start < size && !writeRange(p + start, size - start))
-        return false;
+        return failed(start + m_rangeKept);
     m_partHasData = m_partHasData || rangeHasData;
     m_framesWritten += appended;
+    m_packetCounts->written += packets;
     return true;
 }
 
@@ -430,15 +473,19 @@ void LogWriter::run()
         bool failed = m_failed;
         m_buffer.swap(m_spare);
         const uint64_t appended = m_bufferAppended;
+        const uint64_t packets = m_bufferPackets;
         m_bufferAppended = 0;
+        m_bufferPackets = 0;
         lock.unlock();
 
         if (!failed && m_options.splitMs && m_partHasData &&
             monoNs() - m_partStartMono >= m_options.splitMs * 1'000'000u)
             failed = !finishPart(true) || !openPart(m_part + 1);
         if (!failed && !m_spare.empty()) {
-            failed = !writeBuffer(m_spare, appended);
+            failed = !writeBuffer(m_spare, appended, packets);
             dirty = true;
+        } else if (failed) {
+            m_packetCounts->lost += packets; // a part could not be begun
         }
         const uint64_t now = monoNs();
         if (!failed && dirty && now - lastSync >= syncNs) {

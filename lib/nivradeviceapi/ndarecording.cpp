@@ -152,6 +152,18 @@ void onReader(const std::shared_ptr<nda::Port>& port, const std::function<void()
     finished.wait();
 }
 
+// The counts stay readable on a closed device (through a reference): a recorder learns
+// what reached the file of a device that was unplugged.
+bool usableForCounts(NvDevice* device)
+{
+    if (!device || device->isBroadcast)
+        return fail(NRV_INVALID_DEVICE);
+    if (device->master)
+        return fail(NRV_NOT_SUPPORTED); // recorded with its master
+    setResult(NRV_OK);
+    return true;
+}
+
 } // namespace
 
 void nda::Port::onFlushDone(NvDevice* master)
@@ -207,13 +219,17 @@ int NvDevice_createLogFile(NvDevice* device, const NvString* fileName)
                 if (h->onError)
                     h->onError(h->userData, dev, error);
             });
-            const bool wasRecording =
-                dev->state == NDS_RECORDING || dev->state == NDS_WAITING_FOR_RECORDING_START;
-            finishRecording(dev, false);
-            if (wasRecording)
-                for (NvDevice* d : recordedDevices(dev))
+            // Between two frames, as a stop: every packet delivered in Recording was handed
+            // to the writer, so the file's packets and the lost ones are all of them.
+            onReader(dev->port, [dev, control] {
+                setRecording(dev, false);
+                for (NvDevice* d : recordedDevices(dev)) {
+                    d->awaitingFirstPacket = false;
                     if (d->state == NDS_RECORDING || d->state == NDS_WAITING_FOR_RECORDING_START)
                         control->changeState(d, NDS_MEASUREMENT);
+                }
+            });
+            finishRecording(dev, false);
         });
     });
     nda::LogWriterOptions options;
@@ -222,6 +238,10 @@ int NvDevice_createLogFile(NvDevice* device, const NvString* fileName)
     const NvResultValue rc = writer->create(*fileName, options);
     if (rc != NRV_OK)
         return fail(rc);
+    {
+        std::lock_guard<std::mutex> lock(device->recMutex);
+        device->logPackets = writer->packetCounts();
+    }
     for (NvDevice* d : recordedDevices(device)) {
         const uint8_t bus = writer->addDevice(d->id, nda::describeForLog(d));
         std::lock_guard<std::mutex> lock(d->recMutex);
@@ -338,6 +358,22 @@ int NvDevice_isRecording(NvDevice* device)
         return 0;
     const NvDeviceState s = device->state;
     return s == NDS_WAITING_FOR_RECORDING_START || s == NDS_RECORDING || s == NDS_FLUSHING;
+}
+
+uint64_t NvDevice_logPacketsWritten(NvDevice* device)
+{
+    if (!usableForCounts(device))
+        return 0;
+    std::lock_guard<std::mutex> lock(device->recMutex);
+    return device->logPackets ? device->logPackets->written.load() : 0;
+}
+
+uint64_t NvDevice_logPacketsLost(NvDevice* device)
+{
+    if (!usableForCounts(device))
+        return 0;
+    std::lock_guard<std::mutex> lock(device->recMutex);
+    return device->logPackets ? device->logPackets->lost.load() : 0;
 }
 
 void NvDevice_logFileName(NvDevice* device, NvString* out)

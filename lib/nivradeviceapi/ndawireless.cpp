@@ -190,6 +190,16 @@ void NvControl::trackerReported(NvDevice* master, const KvwInfo& reported)
             before = child->kvw.state;
             child->kvw = info;
         }
+        // The master tells its free slots only when asked, which this (reader) thread
+        // cannot do: a tracker leaving the radio gives its slot back, one joining it from
+        // the dock takes one. Before the report, so that handlers see the new count.
+        if (before == NCS_WIRELESS && info.state != NCS_WIRELESS) {
+            std::lock_guard<std::mutex> lock(master->mutex);
+            ++master->freeSlots;
+        } else if (before != NCS_WIRELESS && info.state == NCS_WIRELESS) {
+            std::lock_guard<std::mutex> lock(master->mutex);
+            master->freeSlots = std::max(master->freeSlots - 1, 0);
+        }
         if (isPresent(info) && info.busId == child->busId) {
             if (before != info.state)
                 report(child);

@@ -206,6 +206,15 @@ NV_API int NvDevice_closeLogFile(NvDevice* device);
 NV_API int NvDevice_logFileNameText(NvDevice* device, char* buffer, size_t size);
 /* A file device: the bytes of all its parts; a recording device: bytes written so far. */
 NV_API uint64_t NvDevice_logFileSize(NvDevice* device);
+/* Data packets of the device's recording that reached its file (a master's: its trackers'
+ * too), and those it took in that never will (the file's buffer full, a full disk or
+ * another write error: what was buffered and what came until the recording ended). A
+ * packet delivered while the device is in Recording is one or the other once the
+ * recording has ended. Counted from NvDevice_createLogFile on and kept after the
+ * recording ends, also on a closed device still referenced; 0 before any recording, and
+ * on a tracker (NRV_NOT_SUPPORTED). */
+NV_API uint64_t NvDevice_logPacketsWritten(NvDevice* device);
+NV_API uint64_t NvDevice_logPacketsLost(NvDevice* device);
 
 /* ---- File devices (NvControl_openLogFileByName) --------------------------------------- */
 
@@ -275,7 +284,8 @@ NV_API int NvPacket_orientationQuaternion(const NvCbDataPacket* packet, NvCoordi
                                           double out[4]);
 NV_API int NvPacket_orientationEuler(const NvCbDataPacket* packet, NvCoordinateFrame frame,
                                      double out[3]);
-/* A copy that outlives the callback (cheap: the bytes are shared); NvPacket_delete it. */
+/* A copy that outlives the callback (a live packet's bytes are copied once, other packets'
+ * are shared); NvPacket_delete it. */
 NV_API NvCbDataPacket* NvPacket_copy(const NvCbDataPacket* packet);
 NV_API void NvPacket_delete(NvCbDataPacket* packet);
 

@@ -4,6 +4,9 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <mutex>
+#include <new>
+#include <unordered_map>
 
 using namespace nvbe;
 
@@ -64,11 +67,14 @@ double nvDecodeReal(const uint8_t* in, NvPrecision precision)
     return 0.0;
 }
 
-// ---- Index ------------------------------------------------------------------------
+// ---- Layouts ----------------------------------------------------------------------
 
 static_assert(sizeof(NvDataPacket::Item) == 6, "compact index entries");
+static_assert(alignof(nvdetail::PacketLayout) >= alignof(NvDataPacket::Item), "items follow");
 
 namespace {
+
+using nvdetail::PacketLayout;
 
 // Walks the items of `data`; calls `onItem(id, offset, size)` for each whole one.
 // Returns the offset where the walk stopped (== size unless malformed).
@@ -88,57 +94,253 @@ size_t walkItems(const uint8_t* data, size_t size, F&& onItem)
     return pos;
 }
 
+void retain(const PacketLayout* layout)
+{
+    if (layout)
+        layout->refs.fetch_add(1, std::memory_order_relaxed);
+}
+
+void release(const PacketLayout* layout)
+{
+    if (layout && layout->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        layout->~PacketLayout();
+        ::operator delete(const_cast<PacketLayout*>(layout));
+    }
+}
+
+// Whether the items of `data` are exactly the layout's: the same identifiers and sizes at
+// the same places, and for a malformed layout a tail that stops the walk the same way.
+// The offsets are known, so the checks do not wait on one another as a walk's do.
+bool matches(const PacketLayout& layout, const uint8_t* data, size_t size)
+{
+    if (layout.dataSize != size)
+        return false;
+    const PacketLayout::Item* items = layout.items();
+    for (size_t i = 0, n = layout.count; i < n; ++i) {
+        const uint8_t* header = data + items[i].offset - 3;
+        if (readU16(header) != items[i].id || header[2] != items[i].size)
+            return false;
+    }
+    const size_t tail = size - layout.decodedSize;
+    return tail < 3 || data[layout.decodedSize + 2] > tail - 3;
+}
+
+uint64_t mix(uint64_t hash, uint64_t value)
+{
+    hash = (hash ^ value) * 0x9E3779B97F4A7C15ull;
+    return hash ^ (hash >> 29);
+}
+
+// One walk over the items of a packet's data: what its layout is made of, and the hash
+// the shared cache files it under.
+struct ItemWalk
+{
+    static constexpr size_t kLocalItems = 64;
+    PacketLayout::Item local[kLocalItems];
+    size_t count = 0;
+    size_t decoded = 0;
+    uint64_t hash = 0;
+
+    ItemWalk(const uint8_t* data, size_t size)
+    {
+        hash = mix(0, size);
+        decoded = walkItems(data, size, [&](uint16_t id, size_t offset, size_t itemSize) {
+            if (count < kLocalItems)
+                local[count] = {id, uint16_t(offset), uint16_t(itemSize)};
+            hash = mix(hash, uint64_t(id) << 8 | itemSize);
+            ++count;
+        });
+    }
+
+    // A new layout; one reference, the caller's. Walks `data` again only for packets of
+    // more than kLocalItems items.
+    PacketLayout* make(const uint8_t* data, size_t size) const
+    {
+        void* memory = ::operator new(sizeof(PacketLayout) + count * sizeof(PacketLayout::Item));
+        auto* layout =
+            new (memory) PacketLayout{{1}, uint16_t(count), uint16_t(size), uint16_t(decoded), 0};
+        PacketLayout::Item* items = layout->items();
+        if (count <= kLocalItems) {
+            std::memcpy(items, local, count * sizeof(PacketLayout::Item));
+        } else {
+            walkItems(data, decoded, [&](uint16_t id, size_t offset, size_t itemSize) {
+                *items++ = {id, uint16_t(offset), uint16_t(itemSize)};
+            });
+        }
+        return layout;
+    }
+};
+
+// The layouts of every thread, by hash. Beyond kMaxLayouts (a stream of unrelated
+// packets, garbage) it starts over; packets keep the layouts they hold.
+class LayoutCache
+{
+public:
+    static constexpr size_t kMaxLayouts = 1024;
+
+    // The layout of `data`, from the cache or made and added; one reference, the caller's.
+    const PacketLayout* find(const uint8_t* data, size_t size)
+    {
+        const ItemWalk walk(data, size);
+        std::lock_guard<std::mutex> lock(m_mutex);
+        const auto range = m_layouts.equal_range(walk.hash);
+        for (auto it = range.first; it != range.second; ++it) {
+            if (matches(*it->second, data, size)) {
+                retain(it->second);
+                return it->second;
+            }
+        }
+        if (m_layouts.size() >= kMaxLayouts)
+            clearLocked();
+        PacketLayout* made = walk.make(data, size);
+        try {
+            m_layouts.emplace(walk.hash, made);
+        } catch (...) {
+            release(made);
+            throw;
+        }
+        retain(made); // the cache's
+        return made;
+    }
+
+    void clear()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        clearLocked();
+    }
+
+private:
+    void clearLocked()
+    {
+        for (const auto& entry : m_layouts)
+            release(entry.second);
+        m_layouts.clear();
+    }
+
+    std::mutex m_mutex;
+    std::unordered_multimap<uint64_t, const PacketLayout*> m_layouts; // guarded by m_mutex
+};
+
+LayoutCache& layoutCache()
+{
+    // Never destroyed: packets and threads may outlive static destruction.
+    static LayoutCache* cache = new LayoutCache;
+    return *cache;
+}
+
+// The layouts this thread met last, so that the usual packet takes no lock: a device
+// repeats a handful of layouts, and each port has a reader thread of its own.
+struct RecentLayouts
+{
+    static constexpr unsigned kSize = 8;
+    const PacketLayout* slots[kSize] = {}; // one reference each
+    unsigned last = 0;                     // the slot that matched last
+    unsigned next = 0;                     // the slot the next new layout takes
+
+    ~RecentLayouts() { clear(); }
+    void clear()
+    {
+        for (const PacketLayout*& slot : slots) {
+            release(slot);
+            slot = nullptr;
+        }
+    }
+
+    // The layout of `data`; one reference, the caller's.
+    const PacketLayout* find(const uint8_t* data, size_t size)
+    {
+        const PacketLayout* layout = slots[last];
+        if (!layout || !matches(*layout, data, size)) {
+            layout = nullptr;
+            for (unsigned i = 0; i < kSize && !layout; ++i) {
+                if (i != last && slots[i] && matches(*slots[i], data, size)) {
+                    layout = slots[i];
+                    last = i;
+                }
+            }
+            if (!layout) {
+                layout = layoutCache().find(data, size);
+                release(slots[next]);
+                slots[next] = layout;
+                last = next;
+                next = (next + 1) % kSize;
+            }
+        }
+        retain(layout);
+        return layout;
+    }
+};
+
+thread_local RecentLayouts t_recentLayouts;
+
+// The data of a frame-shaped byte range. Item offsets are 16-bit: anything longer than a
+// frame can be is refused.
+bool frameData(const uint8_t* frame, size_t size, const uint8_t** data, size_t* dataSize)
+{
+    if (!frame || size < NvMessage::MinFrameSize || size > NvMessage::MaxFrameSize ||
+        frame[0] != NvMessage::Preamble)
+        return false;
+    const size_t header = frame[3] == NvMessage::ExtendedLength ? 6 : 4;
+    if (size < header + 1)
+        return false;
+    *data = frame + header;
+    *dataSize = size - header - 1;
+    return true;
+}
+
 } // namespace
+
+void NvDataPacket::clearLayoutCache()
+{
+    t_recentLayouts.clear();
+    layoutCache().clear();
+}
+
+NvDataPacket NvDataPacket::viewFrame(const uint8_t* frame, size_t size)
+{
+    const uint8_t* data = nullptr;
+    size_t dataSize = 0;
+    if (!frameData(frame, size, &data, &dataSize))
+        return {};
+    return NvDataPacket(frame, t_recentLayouts.find(data, dataSize));
+}
+
+NvDataPacket NvDataPacket::viewFrame(const uint8_t* frame, size_t size,
+                                     std::shared_ptr<const void> owner)
+{
+    const uint8_t* data = nullptr;
+    size_t dataSize = 0;
+    if (!owner)
+        return viewFrame(frame, size);
+    if (!frameData(frame, size, &data, &dataSize))
+        return {};
+    NvDataPacket packet(frame, t_recentLayouts.find(data, dataSize));
+    packet.m_owner = std::move(owner);
+    return packet;
+}
 
 NvDataPacket NvDataPacket::fromFrame(const uint8_t* frame, size_t size)
 {
-    // Item offsets are 16-bit: anything longer than a frame can be is refused.
-    if (size < NvMessage::MinFrameSize || size > NvMessage::MaxFrameSize ||
-        frame[0] != NvMessage::Preamble)
+    const uint8_t* data = nullptr;
+    size_t dataSize = 0;
+    if (!frameData(frame, size, &data, &dataSize))
         return {};
-    const size_t header = frame[3] == NvMessage::ExtendedLength ? 6 : 4;
-    if (size < header + 1)
-        return {};
-    const uint8_t* data = frame + header;
-    const size_t dataSize = size - header - 1;
-
-    // One walk into a local index for the usual packet; a second walk only for packets
-    // of more than kLocalItems items.
-    constexpr size_t kLocalItems = 48;
-    Item local[kLocalItems];
-    size_t count = 0;
-    const size_t decoded =
-        walkItems(data, dataSize, [&](uint16_t id, size_t offset, size_t itemSize) {
-            if (count < kLocalItems)
-                local[count] = Item{id, uint16_t(offset), uint16_t(itemSize)};
-            ++count;
-        });
-
-    nvdetail::FrameBlock block =
-        nvdetail::FrameBlock::allocate(size, sizeof(Index) + count * sizeof(Item));
+    nvdetail::FrameBlock block = nvdetail::FrameBlock::allocate(size);
     std::memcpy(block.bytes(), frame, size);
-    Index* index = static_cast<Index*>(block.extra());
-    index->count = uint16_t(count);
-    index->malformed = decoded != dataSize;
-    index->decodedSize = uint16_t(decoded);
-    index->headerSize = uint16_t(header);
-    Item* item = index->items();
-    if (count <= kLocalItems) {
-        std::memcpy(item, local, count * sizeof(Item));
-    } else {
-        walkItems(data, decoded, [&](uint16_t id, size_t offset, size_t itemSize) {
-            *item++ = Item{id, uint16_t(offset), uint16_t(itemSize)};
-        });
-    }
-    NvDataPacket packet;
+    NvDataPacket packet(block.bytes(), t_recentLayouts.find(data, dataSize));
     packet.m_block = std::move(block);
     return packet;
 }
 
 NvDataPacket::NvDataPacket(const NvMessage& message)
 {
-    if (!message.isEmpty())
-        *this = fromFrame(message.frame(), message.frameSize());
+    const uint8_t* data = nullptr;
+    size_t dataSize = 0;
+    if (!frameData(message.frame(), message.frameSize(), &data, &dataSize))
+        return;
+    m_block = message.m_block;
+    m_frame = message.frame();
+    m_layout = t_recentLayouts.find(data, dataSize);
 }
 
 NvDataPacket NvDataPacket::fromData(const uint8_t* data, size_t size, uint8_t busId)
@@ -147,29 +349,79 @@ NvDataPacket NvDataPacket::fromData(const uint8_t* data, size_t size, uint8_t bu
     return NvDataPacket(message);
 }
 
-bool NvDataPacket::isMalformed() const
+NvDataPacket::NvDataPacket(const NvDataPacket& other)
+    : m_frame(other.m_frame), m_layout(other.m_layout), m_block(other.m_block),
+      m_owner(other.m_owner)
 {
-    return m_block && index()->malformed;
+    // Before the reference is taken: if the copy throws, nothing is held.
+    if (isBorrowed())
+        ownBytes();
+    retain(m_layout);
 }
 
-size_t NvDataPacket::decodedSize() const
+NvDataPacket::NvDataPacket(NvDataPacket&& other) noexcept
+    : m_frame(other.m_frame), m_layout(other.m_layout), m_block(std::move(other.m_block)),
+      m_owner(std::move(other.m_owner))
 {
-    return m_block ? index()->decodedSize : 0;
+    other.m_frame = nullptr;
+    other.m_layout = nullptr;
+    if (isBorrowed())
+        ownBytes();
+}
+
+NvDataPacket& NvDataPacket::operator=(const NvDataPacket& other)
+{
+    if (this != &other)
+        *this = NvDataPacket(other);
+    return *this;
+}
+
+NvDataPacket& NvDataPacket::operator=(NvDataPacket&& other) noexcept
+{
+    if (this != &other) {
+        release();
+        m_frame = other.m_frame;
+        m_layout = other.m_layout;
+        m_block = std::move(other.m_block);
+        m_owner = std::move(other.m_owner);
+        other.m_frame = nullptr;
+        other.m_layout = nullptr;
+        if (isBorrowed())
+            ownBytes();
+    }
+    return *this;
+}
+
+NvDataPacket::~NvDataPacket()
+{
+    ::release(m_layout);
+}
+
+void NvDataPacket::release() noexcept
+{
+    ::release(m_layout);
+    m_layout = nullptr;
+    m_frame = nullptr;
+    m_block = nvdetail::FrameBlock();
+    m_owner.reset();
+}
+
+void NvDataPacket::ownBytes()
+{
+    const size_t size = frameSize();
+    nvdetail::FrameBlock block = nvdetail::FrameBlock::allocate(size);
+    std::memcpy(block.bytes(), m_frame, size);
+    m_frame = block.bytes();
+    m_block = std::move(block);
 }
 
 NvMessage NvDataPacket::message() const
 {
-    return m_block ? NvMessage(m_block) : NvMessage();
-}
-
-size_t NvDataPacket::itemCount() const
-{
-    return m_block ? index()->count : 0;
-}
-
-const NvDataPacket::Item& NvDataPacket::item(size_t i) const
-{
-    return index()->items()[i];
+    if (!m_layout)
+        return NvMessage();
+    if (m_block)
+        return NvMessage(m_block);
+    return NvMessage::fromFrame(m_frame, frameSize());
 }
 
 NvDataIdentifier NvDataPacket::identifier(NvDataIdentifier quantity) const
@@ -406,12 +658,12 @@ NvQuaternion NvDataPacket::deltaQ(NvCoordinateFrame frame) const
 
 const NvDataPacket::Item* NvDataPacket::orientationItem() const
 {
-    if (!m_block)
+    if (!m_layout)
         return nullptr;
-    const Index* ix = index();
-    for (size_t i = 0; i < ix->count; ++i)
-        if (isOrientationQuantity(nvQuantity(ix->items()[i].id)))
-            return &ix->items()[i];
+    const Item* items = m_layout->items();
+    for (size_t i = 0; i < m_layout->count; ++i)
+        if (isOrientationQuantity(nvQuantity(items[i].id)))
+            return &items[i];
     return nullptr;
 }
 
@@ -495,7 +747,10 @@ NvEuler NvDataPacket::orientationEuler(NvCoordinateFrame frame) const
 
 bool operator==(const NvDataPacket& a, const NvDataPacket& b)
 {
-    return a.message() == b.message();
+    if (a.isEmpty() || b.isEmpty())
+        return a.isEmpty() == b.isEmpty();
+    const size_t size = a.frameSize();
+    return size == b.frameSize() && std::memcmp(a.m_frame, b.m_frame, size) == 0;
 }
 
 // ---- Builder ----------------------------------------------------------------------

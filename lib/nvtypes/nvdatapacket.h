@@ -3,9 +3,24 @@
 // A decoded data packet (message 0x36) and the builder that makes one.
 //
 // The packet's data is a sequence of items: identifier (2, big-endian), size (1),
-// payload. Decoding builds a compact index of the items (identifier, offset, size) next
-// to the frame bytes in one shared, immutable block: copying a packet is one atomic
-// increment, and values are converted only when asked for.
+// payload. Decoding finds the packet's item index (identifier, offset, size of every
+// item) in a cache of layouts: a device sends the same items in the same sizes packet
+// after packet, so the index is built once per layout and shared, immutable, by every
+// packet of that layout. Values are converted only when asked for.
+//
+// Where the bytes live, and how long a packet may be kept:
+// - fromFrame() copies the frame into a block of the packet's own (one allocation);
+//   NvDataPacket(message) shares the message's block. Such a packet lives as long as
+//   anyone holds it.
+// - viewFrame(frame, size, owner) reads the bytes where they are, and every copy shares
+//   `owner`, which keeps them alive (a loaded recording). No allocation.
+// - viewFrame(frame, size) borrows the bytes: valid only while they are (a reader's buffer
+//   during a callback). No allocation; isBorrowed() is true. Copying or moving a borrowed
+//   packet copies its bytes into a block of the copy's own, so whatever a handler keeps
+//   (a copy, NvPacket_copy, a Qt event) outlives the buffer. Never keep a reference or
+//   pointer to a borrowed packet beyond the call that handed it out.
+// Copies of the other two forms share the bytes: one atomic increment each for the bytes
+// and the index.
 //
 // Identifiers are looked up by quantity (format bits ignored). Values of real quantities
 // come back as double whatever precision was sent. Items the library does not know are
@@ -18,8 +33,10 @@
 #include "nvmath.h"
 #include "nvmessage.h"
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 struct NvFrameRange
@@ -44,53 +61,86 @@ struct NvLatLon
 NV_API void nvEncodeReal(double value, NvPrecision precision, uint8_t* out);
 NV_API double nvDecodeReal(const uint8_t* in, NvPrecision precision);
 
-class NV_API NvDataPacket
+namespace nvdetail {
+// The item index of one packet layout: shared by every packet with the same items in the
+// same sizes, immutable once made. The items follow the header.
+struct PacketLayout
 {
-public:
-    // One entry of the item index.
     struct Item
     {
         NvDataIdentifier id;
         uint16_t offset; // of the payload, from the start of the message data
         uint16_t size;   // payload bytes
     };
+    mutable std::atomic<uint32_t> refs;
+    uint16_t count;
+    uint16_t dataSize;
+    uint16_t decodedSize; // where decoding stopped; dataSize unless malformed
+    uint16_t reserved;
+
+    const Item* items() const { return reinterpret_cast<const Item*>(this + 1); }
+    Item* items() { return reinterpret_cast<Item*>(this + 1); }
+};
+} // namespace nvdetail
+
+class NV_API NvDataPacket
+{
+public:
+    // One entry of the item index.
+    using Item = nvdetail::PacketLayout::Item;
 
     // The empty packet: no message, no items.
     NvDataPacket() = default;
-    // Decodes the data of a message (normally a DataPacket, 0x36).
+    // Decodes the data of a message (normally a DataPacket, 0x36), sharing its bytes.
     explicit NvDataPacket(const NvMessage& message);
     // Decodes one verified frame, copying its bytes once (the checksum is not checked
     // again). Empty for anything that is not shaped like a frame.
     static NvDataPacket fromFrame(const uint8_t* frame, size_t size);
+    // Decodes one verified frame in place, without copying or allocating. Borrowed: valid
+    // only while the bytes are; copies own theirs (see the top of this file).
+    static NvDataPacket viewFrame(const uint8_t* frame, size_t size);
+    // Decodes one verified frame in place; `owner` keeps the bytes alive and is shared by
+    // every copy (e.g. an aliasing std::shared_ptr to the buffer of a loaded recording).
+    static NvDataPacket viewFrame(const uint8_t* frame, size_t size,
+                                  std::shared_ptr<const void> owner);
     // A DataPacket message with the given item bytes.
     static NvDataPacket fromData(const uint8_t* data, size_t size,
                                  uint8_t busId = NvMessage::BusIdDevice);
 
-    bool isEmpty() const { return !m_block; }
-    // An item ran past the end of the data; items before it are available.
-    bool isMalformed() const;
-    // Data offset at which decoding stopped for a malformed packet (else the data size).
-    size_t decodedSize() const;
+    NvDataPacket(const NvDataPacket& other);
+    // Moving a borrowed packet copies its bytes, as copying does; the source is left empty.
+    NvDataPacket(NvDataPacket&& other) noexcept;
+    NvDataPacket& operator=(const NvDataPacket& other);
+    NvDataPacket& operator=(NvDataPacket&& other) noexcept;
+    ~NvDataPacket();
 
-    // The frame the packet was decoded from (shares the bytes).
+    bool isEmpty() const { return !m_layout; }
+    // Reads bytes that nobody keeps alive for it (viewFrame without an owner).
+    bool isBorrowed() const { return m_layout && !m_block && !m_owner; }
+    // An item ran past the end of the data; items before it are available.
+    bool isMalformed() const { return m_layout && m_layout->decodedSize != m_layout->dataSize; }
+    // Data offset at which decoding stopped for a malformed packet (else the data size).
+    size_t decodedSize() const { return m_layout ? m_layout->decodedSize : 0; }
+
+    // The frame the packet was decoded from (shares the bytes of a packet that owns them,
+    // copies them otherwise).
     NvMessage message() const;
-    uint8_t busId() const { return m_block ? m_block.bytes()[1] : 0; }
-    const uint8_t* data() const { return m_block ? m_block.bytes() + headerSize() : nullptr; }
-    size_t dataSize() const { return m_block ? m_block.frameSize() - headerSize() - 1 : 0; }
+    uint8_t busId() const { return m_layout ? m_frame[1] : 0; }
+    const uint8_t* data() const { return m_layout ? m_frame + headerSize() : nullptr; }
+    size_t dataSize() const { return m_layout ? m_layout->dataSize : 0; }
 
     // ---- Items ----
-    size_t itemCount() const;
-    const Item& item(size_t index) const;
+    size_t itemCount() const { return m_layout ? m_layout->count : 0; }
+    const Item& item(size_t index) const { return m_layout->items()[index]; }
     const uint8_t* itemPayload(size_t index) const { return data() + item(index).offset; }
     // The first item of a quantity (format bits of `quantity` ignored), or null.
     const Item* find(NvDataIdentifier quantity) const
     {
-        if (!m_block)
+        if (!m_layout)
             return nullptr;
-        const Index* ix = index();
-        const Item* items = ix->items();
+        const Item* items = m_layout->items();
         const NvDataIdentifier q = nvQuantity(quantity);
-        for (size_t i = 0, n = ix->count; i < n; ++i)
+        for (size_t i = 0, n = m_layout->count; i < n; ++i)
             if (nvQuantity(items[i].id) == q)
                 return &items[i];
         return nullptr;
@@ -162,27 +212,33 @@ public:
     NV_API friend bool operator==(const NvDataPacket& a, const NvDataPacket& b);
     friend bool operator!=(const NvDataPacket& a, const NvDataPacket& b) { return !(a == b); }
 
-private:
-    // Lives in the extra area of the packet's block, right after the frame.
-    struct Index
-    {
-        uint16_t count;
-        uint16_t malformed;
-        uint16_t decodedSize;
-        uint16_t headerSize;
+    // Forgets the cached layouts (the shared ones and the calling thread's recent ones);
+    // packets keep theirs. For benchmarks of a first pass and for tests.
+    static void clearLayoutCache();
 
-        const Item* items() const { return reinterpret_cast<const Item*>(this + 1); }
-        Item* items() { return reinterpret_cast<Item*>(this + 1); }
-    };
-    const Index* index() const { return static_cast<const Index*>(m_block.extra()); }
+private:
+    // Takes over a reference to `layout`.
+    NvDataPacket(const uint8_t* frame, const nvdetail::PacketLayout* layout) noexcept
+        : m_frame(frame), m_layout(layout)
+    {
+    }
     // Reals of an item in its precision, at most `capacity`.
     size_t decodeReals(const Item& item, double* out, size_t capacity) const;
-    size_t headerSize() const { return m_block.bytes()[3] == NvMessage::ExtendedLength ? 6 : 4; }
+    size_t headerSize() const { return m_frame[3] == NvMessage::ExtendedLength ? 6 : 4; }
+    size_t frameSize() const { return headerSize() + m_layout->dataSize + 1; }
+    // Copies borrowed bytes into a block of this packet's own.
+    void ownBytes();
+    void release() noexcept;
     // Which orientation item is present and how it is read.
     const Item* orientationItem() const;
-    static NvDataPacket decode(nvdetail::FrameBlock block);
 
+    const uint8_t* m_frame = nullptr;
+    // Null for the empty packet; one reference held.
+    const nvdetail::PacketLayout* m_layout = nullptr;
+    // What keeps m_frame alive: a block of the packet's own (or a message's), an outside
+    // owner, or nothing for a borrowed packet.
     nvdetail::FrameBlock m_block;
+    std::shared_ptr<const void> m_owner;
 };
 
 // Builds the data of a DataPacket item by item; the emulator's encoder. Setting a

@@ -101,6 +101,7 @@ constexpr ResultEntry kResults[] = {
     {NRV_RESTORE_COMMUNICATION_FAILED, "Could not restore communication"},
     {NRV_RESTORE_COMMUNICATION_STOPPED, "Restoring communication stopped"},
     {NRV_SHUTTING_DOWN, "Library is shutting down"},
+    {NRV_NOT_A_REGULAR_FILE, "Not a regular file (a folder, FIFO or device)"},
 };
 
 const ResultEntry* findResult(int value)

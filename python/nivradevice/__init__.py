@@ -225,6 +225,7 @@ class Result(enum.IntEnum):
     RESTORE_COMMUNICATION_FAILED = 318
     RESTORE_COMMUNICATION_STOPPED = 319
     SHUTTING_DOWN = 320
+    NOT_A_REGULAR_FILE = 321
 
 
 def _enum_or_int(cls, value):

@@ -269,8 +269,15 @@ void KvManager::updateDeviceStatus()
     QStringList details;
     for (const NvDeviceId& id : m_heldDevices) {
         const NdaLinkHealth h = m_ndaControl->linkHealth(id);
+        if (h.trackers == 0) {
+            details << tr("%1: no tracker measuring").arg(QString::fromStdString(id.toString()));
+            continue;
+        }
+        const QString device = h.isMaster() ? tr("%1 (%n tracker(s))", nullptr, h.trackers)
+                                                  .arg(QString::fromStdString(id.toString()))
+                                            : QString::fromStdString(id.toString());
         details << tr("%1: %2 of %3 Hz, %4 missed, %5 checksum errors, last packet %6")
-                       .arg(QString::fromStdString(id.toString()))
+                       .arg(device)
                        .arg(h.packetsPerSecond, 0, 'f', 0)
                        .arg(h.configuredRate)
                        .arg(h.missed)
@@ -570,6 +577,13 @@ QDockWidget* KvManager::makeToolDock(const QString& title, const QString& object
 void KvManager::constructDeviceModel()
 {
     m_deviceModel = new DeviceModel(*m_ndaControl, this);
+    connect(m_deviceModel, &DeviceModel::deviceConnected, this, [](const NvDeviceId& id) {
+        const std::string code = id.productCode();
+        UsageStatistics::logEvent(
+            QStringLiteral("device"),
+            QStringLiteral("DeviceConnected_%1")
+                .arg(QString::fromStdString(code.empty() ? id.typeName() : code)));
+    });
 }
 
 void KvManager::destructDeviceModel()

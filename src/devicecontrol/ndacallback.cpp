@@ -3,6 +3,12 @@
 #include <QCoreApplication>
 #include <QMutexLocker>
 
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <pthread.h>
+#include <thread>
+
 // One translation unit, so the numbers come out in this order on every run.
 const QEvent::Type NVEVENTTYPE = static_cast<QEvent::Type>(QEvent::registerEventType());
 const QEvent::Type NVPROCESSEVENTTYPE = static_cast<QEvent::Type>(QEvent::registerEventType());
@@ -39,15 +45,148 @@ private:
 
 const QString FlushingIdentifier = QStringLiteral("Flushing");
 
+// How long a live packet waits for others to share its event. At 2000 Hz per device that
+// is one event for eight packets of a wrapper; a single packet is still there at once to
+// the eye.
+constexpr std::chrono::milliseconds BatchWindow(4);
+
 } // namespace
 
-NdaCallback::NdaCallback(QObject* parent) : QObject(parent)
+// A bridge's live packets that are not posted yet.
+struct NdaCallback::PacketBatch
 {
+    std::mutex mutex;
+    // guarded by mutex
+    NdaCallback* target = nullptr; // null once the bridge is being destroyed
+    std::vector<NvDataPacket> packets;
+    bool scheduled = false; // in the flusher's list
+
+    void postLocked()
+    {
+        if (packets.empty())
+            return;
+        if (target)
+            QCoreApplication::postEvent(target, new NvPostProcessEvent(std::move(packets)));
+        packets.clear(); // whatever the move left
+    }
+};
+
+// Posts the batches of every bridge in the process, at the latest BatchWindow after the
+// first packet of a round, from one thread (not one per device). Every other event a
+// bridge posts goes through postAfterBatches, under the same lock, so it follows every
+// packet any bridge received before it: the signals of the control and of the wrappers
+// keep the library's order among each other, as with one event per packet.
+class NdaCallback::BatchFlusher
+{
+public:
+    BatchFlusher() : m_thread([this] { run(); }) {}
+    ~BatchFlusher()
+    {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_stop = true;
+        }
+        m_wake.notify_one();
+        m_thread.join();
+    }
+    BatchFlusher(const BatchFlusher&) = delete;
+    BatchFlusher& operator=(const BatchFlusher&) = delete;
+
+    // The one of the process while any bridge holds it.
+    static std::shared_ptr<BatchFlusher> instance()
+    {
+        static std::mutex mutex;
+        static std::weak_ptr<BatchFlusher> current;
+        std::lock_guard<std::mutex> lock(mutex);
+        std::shared_ptr<BatchFlusher> flusher = current.lock();
+        if (!flusher) {
+            flusher = std::make_shared<BatchFlusher>();
+            current = flusher;
+        }
+        return flusher;
+    }
+
+    // Library threads: `batch` got its first packet since it was last posted. The caller
+    // holds no batch lock (the lock order is m_mutex, then a batch's).
+    void schedule(std::shared_ptr<PacketBatch> batch)
+    {
+        bool first;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            first = m_scheduled.empty();
+            if (first)
+                m_deadline = std::chrono::steady_clock::now() + BatchWindow;
+            m_scheduled.push_back(std::move(batch));
+        }
+        if (first)
+            m_wake.notify_one();
+    }
+
+    void postAfterBatches(QObject* receiver, QEvent* e)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        postBatchesLocked();
+        QCoreApplication::postEvent(receiver, e);
+    }
+
+    void postBatches()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        postBatchesLocked();
+    }
+
+private:
+    void postBatchesLocked()
+    {
+        for (const std::shared_ptr<PacketBatch>& batch : m_scheduled) {
+            std::lock_guard<std::mutex> lock(batch->mutex);
+            batch->postLocked();
+            batch->scheduled = false;
+        }
+        m_scheduled.clear();
+    }
+
+    void run()
+    {
+        pthread_setname_np(pthread_self(), "nda-batches");
+        std::unique_lock<std::mutex> lock(m_mutex);
+        while (!m_stop) {
+            if (m_scheduled.empty()) {
+                m_wake.wait(lock);
+                continue;
+            }
+            const auto deadline = m_deadline;
+            m_wake.wait_until(lock, deadline, [this] { return m_stop || m_scheduled.empty(); });
+            // Posted meanwhile by another event, maybe with a new round begun since.
+            if (!m_stop && !m_scheduled.empty() && std::chrono::steady_clock::now() >= m_deadline)
+                postBatchesLocked();
+        }
+    }
+
+    std::mutex m_mutex;
+    std::condition_variable m_wake;
+    // guarded by m_mutex; whatever a bridge posts is posted under it
+    std::vector<std::shared_ptr<PacketBatch>> m_scheduled;
+    std::chrono::steady_clock::time_point m_deadline; // of the first packet's round
+    bool m_stop = false;
+    std::thread m_thread;
+};
+
+NdaCallback::NdaCallback(QObject* parent)
+    : QObject(parent), m_flusher(BatchFlusher::instance()), m_batch(std::make_shared<PacketBatch>())
+{
+    m_batch->target = this;
     registerNdaMetaTypes();
 }
 
-// Events still queued for this object are dropped by QObject's destructor.
-NdaCallback::~NdaCallback() = default;
+// Events still queued for this object are dropped by QObject's destructor; packets not
+// yet posted are dropped here.
+NdaCallback::~NdaCallback()
+{
+    std::lock_guard<std::mutex> lock(m_batch->mutex);
+    m_batch->target = nullptr;
+    m_batch->packets.clear();
+}
 
 void NdaCallback::registerDeviceDestroyedCallback(
     const QSharedPointer<NdaDeviceDestroyedCallback>& cb)
@@ -84,7 +223,7 @@ KvwInfo NdaCallback::fillCiEvent(NvDevice* dev)
 
 void NdaCallback::post(QEvent* e)
 {
-    QCoreApplication::postEvent(this, e);
+    m_flusher->postAfterBatches(this, e);
 }
 
 // ---- Library threads
@@ -117,7 +256,8 @@ void NdaCallback::handleDeviceStateChanged(NvDevice* dev, NdaDeviceState::Type n
     updateState(newState, oldState);
     if (newState == NdaDeviceState::Destroyed) {
         // No state change for a device that is going: its owners retire the wrapper, and
-        // they are told while the handle still identifies it.
+        // they are told while the handle still identifies it, after what it delivered.
+        m_flusher->postBatches();
         onDeviceDestructing(dev);
         return;
     }
@@ -140,7 +280,17 @@ void NdaCallback::onLiveDataAvailable(NvDevice*, const NvDataPacket* packet)
 {
     if (!packet || !shouldProcessPacket())
         return;
-    post(new NvPostProcessEvent(*packet));
+    bool first;
+    {
+        std::lock_guard<std::mutex> lock(m_batch->mutex);
+        if (m_batch->packets.capacity() == 0)
+            m_batch->packets.reserve(16);
+        m_batch->packets.push_back(*packet);
+        first = !m_batch->scheduled;
+        m_batch->scheduled = true;
+    }
+    if (first)
+        m_flusher->schedule(m_batch);
 }
 
 void NdaCallback::onMissedPackets(NvDevice* dev, int count, int, int)
@@ -180,6 +330,9 @@ void NdaCallback::onConnectivityChanged(NvDevice* dev, NvConnectivityState state
         return; // file devices and unknown links are no tracker news
     }
     post(new NvClientInfoEvent(kind, fillCiEvent(dev)));
+    // A tracker that comes or goes changes what its master has room for.
+    if (NvDevice* master = NvDevice_masterDevice(dev))
+        post(new NvFreeSlotsEvent(static_cast<unsigned char>(NvDevice_freeSlots(master))));
 }
 
 void NdaCallback::onInfoResponse(NvDevice* dev, NvInfoRequest request)
@@ -191,12 +344,20 @@ void NdaCallback::onInfoResponse(NvDevice* dev, NvInfoRequest request)
 
 void NdaCallback::onError(NvDevice* dev, NvResultValue error)
 {
-    post(new NvErrorEvent(deviceIdOf(dev), error));
+    // The library reports a device's warnings as errors of the warning class.
+    if (error == NRV_WARNING)
+        post(new NvWarningEvent(deviceIdOf(dev), error));
+    else
+        post(new NvErrorEvent(deviceIdOf(dev), error));
 }
 
 void NdaCallback::onNonDataMessage(NvDevice* dev, const NvMessage* message)
 {
     post(new NvNonDataMessageEvent(deviceIdOf(dev), message ? *message : NvMessage()));
+    // A device's Warning message is a warning too; its own code and text stay in the
+    // message for those who read the raw messages.
+    if (message && message->messageId() == NvMid::Warning)
+        post(new NvWarningEvent(deviceIdOf(dev), NRV_WARNING));
 }
 
 void NdaCallback::onMessageDetected(NvDevice* dev, NvProtocolType type, const NvByteArray* raw)
@@ -228,13 +389,14 @@ void NdaCallback::onRestoreCommunication(const NvString* port, NvResultValue res
 
 bool NdaCallback::event(QEvent* e)
 {
+    emitPendingPackets();
     const QEvent::Type type = e->type();
     if (type == NVEVENTTYPE) {
         nvEvent(static_cast<NvEvent*>(e));
         return true;
     }
     if (type == NVPROCESSEVENTTYPE) {
-        emit postProcessed(static_cast<NvPostProcessEvent*>(e)->packet());
+        emitPackets(static_cast<NvPostProcessEvent*>(e)->packets());
         return true;
     }
     if (type == NVCLIENTINFOEVENTTYPE) {
@@ -259,6 +421,20 @@ bool NdaCallback::event(QEvent* e)
         return true;
     }
     return QObject::event(e);
+}
+
+void NdaCallback::emitPendingPackets()
+{
+    while (m_emitting && m_emitNext < m_emitting->size())
+        emit postProcessed((*m_emitting)[m_emitNext++]);
+}
+
+void NdaCallback::emitPackets(const std::vector<NvDataPacket>& packets)
+{
+    m_emitting = &packets;
+    m_emitNext = 0;
+    emitPendingPackets();
+    m_emitting = nullptr; // also when a nested loop finished it, or a newer batch after it
 }
 
 void NdaCallback::nvEvent(NvEvent* e)

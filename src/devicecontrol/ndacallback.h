@@ -1,7 +1,8 @@
 #pragma once
-// The bridge from the device library's threads to the GUI thread: every library callback
-// becomes one posted Qt event, re-emitted here as a signal, so signals come in the order
-// the library produced them.
+// The bridge from the device library's threads to the GUI thread: library callbacks become
+// posted Qt events, re-emitted here as signals in the order the library produced them.
+// Live packets travel in batches (one event for all that came within a few milliseconds);
+// any other event first sends on what is batched, so no signal overtakes a packet.
 
 #include "ndadevicestate.h"
 #include "ndametatypes.h"
@@ -12,6 +13,10 @@
 #include <QObject>
 #include <QSharedPointer>
 #include <QString>
+
+#include <cstddef>
+#include <memory>
+#include <vector>
 
 // Custom event types, registered at static initialisation in this order.
 extern const QEvent::Type NVEVENTTYPE;
@@ -183,17 +188,18 @@ private:
     NdaDeviceState::Type m_new, m_old;
 };
 
+// Live packets, in the library's order; each becomes one postProcessed.
 class NvPostProcessEvent : public QEvent
 {
 public:
-    explicit NvPostProcessEvent(const NvDataPacket& packet)
-        : QEvent(NVPROCESSEVENTTYPE), m_packet(packet)
+    explicit NvPostProcessEvent(std::vector<NvDataPacket> packets)
+        : QEvent(NVPROCESSEVENTTYPE), m_packets(std::move(packets))
     {
     }
-    const NvDataPacket& packet() const { return m_packet; }
+    const std::vector<NvDataPacket>& packets() const { return m_packets; }
 
 private:
-    NvDataPacket m_packet;
+    std::vector<NvDataPacket> m_packets;
 };
 
 class NvUpdateProgressEvent : public QEvent
@@ -235,7 +241,8 @@ private:
 class NvFreeSlotsEvent : public QEvent
 {
 public:
-    explicit NvFreeSlotsEvent(unsigned char slots) : QEvent(NVFREESLOTSEVENTYPE), m_slots(slots) {}
+    // Not "slots": Qt defines that away, and the count with it.
+    explicit NvFreeSlotsEvent(unsigned char count) : QEvent(NVFREESLOTSEVENTYPE), m_slots(count) {}
     unsigned char freeSlots() const { return m_slots; }
 
 private:
@@ -261,7 +268,8 @@ public:
     void registerDeviceDestroyedCallback(const QSharedPointer<NdaDeviceDestroyedCallback>& cb);
     void unRegisterDeviceDestroyedCallback(const QSharedPointer<NdaDeviceDestroyedCallback>& cb);
 
-    // Library callbacks: library threads; they build one event and post it, nothing else.
+    // Library callbacks: library threads; they build one event and post it (a live packet
+    // joins the pending batch), nothing else.
     void onDeviceStateChanged(NvDevice* dev, NvDeviceState newState,
                               NvDeviceState oldState) override;
     void onLiveDataAvailable(NvDevice* dev, const NvDataPacket* packet) override;
@@ -307,7 +315,7 @@ signals:
     void flushingProgress(int current, int total, const NvDeviceId& id, const QString& identifier);
     void progressCompleted(const NvDeviceId& id, const QString& identifier, int result);
     void flushingCompleted(const NvDeviceId& id, const QString& identifier, int result);
-    void freeSlotsInd(unsigned char slots);
+    void freeSlotsInd(unsigned char count);
     void gpsStatusChanged(const NvGpsStatus& status);
     void restoreCommunicationResult(const QString& port, NvResultValue result);
 
@@ -336,7 +344,14 @@ protected slots:
                                              int result);
 
 private:
+    struct PacketBatch;
+    class BatchFlusher;
+    // Library threads: posts `e` after every packet batched so far by any bridge.
     void post(QEvent* e);
+    // GUI thread: emits the rest of the batch being emitted (a slot's nested event loop
+    // gets there before anything newer).
+    void emitPendingPackets();
+    void emitPackets(const std::vector<NvDataPacket>& packets);
     void nvEvent(NvEvent* e);
     void clientInfoEvent(NvClientInfoEvent* e);
     void updateProgressEvent(NvUpdateProgressEvent* e);
@@ -344,4 +359,10 @@ private:
 
     QMutex m_destroyedMutex;
     QList<QSharedPointer<NdaDeviceDestroyedCallback>> m_destroyedCallbacks;
+
+    std::shared_ptr<BatchFlusher> m_flusher; // shared by every bridge of the process
+    std::shared_ptr<PacketBatch> m_batch;    // this bridge's packets not yet posted
+    // GUI thread only
+    const std::vector<NvDataPacket>* m_emitting = nullptr;
+    size_t m_emitNext = 0;
 };

@@ -290,7 +290,20 @@ bool NdaDevice::shouldProcessPacket() const
 NdaLinkHealth NdaDevice::linkHealth() const
 {
     NvDevice* dev = handle();
-    return m_link.health(dev ? NvDevice_checksumErrors(dev) : 0);
+    const quint64 checksumErrors = dev ? NvDevice_checksumErrors(dev) : 0;
+    if (!dev || !NvDevice_isMasterDevice(dev) || NvDevice_isReadingFromFile(dev))
+        return m_link.health(checksumErrors);
+    // Its trackers' packets are theirs, not its own: the master keeps up when they do.
+    // Trackers share its port, and so its checksum errors.
+    NdaLinkHealth health;
+    health.trackers = 0;
+    health.checksumErrors = checksumErrors;
+    for (const NvDeviceId& id : childDeviceIds()) {
+        const NdaDevice* tracker = m_control.getExistingDevice(id);
+        if (tracker && tracker->isMeasuring())
+            health.addTracker(tracker->m_link.health(checksumErrors));
+    }
+    return health;
 }
 
 void NdaDevice::onLinkPacket(const NvDataPacket&)

@@ -35,3 +35,15 @@ NdaLinkHealth NdaLinkHealthMeter::health(quint64 checksumErrors) const
     h.msSinceLastPacket = m_last < 0 ? -1 : now - m_last;
     return h;
 }
+
+void NdaLinkHealth::addTracker(const NdaLinkHealth& tracker)
+{
+    trackers = qMax(trackers, 0) + 1;
+    packetsPerSecond += tracker.packetsPerSecond;
+    configuredRate += tracker.configuredRate;
+    packets += tracker.packets;
+    missed += tracker.missed;
+    if (tracker.msSinceLastPacket >= 0 &&
+        (msSinceLastPacket < 0 || tracker.msSinceLastPacket < msSinceLastPacket))
+        msSinceLastPacket = tracker.msSinceLastPacket;
+}

@@ -15,15 +15,24 @@ struct NdaLinkHealth
     quint64 missed = 0;            // reported as missed by the library
     quint64 checksumErrors = 0;    // frames of its port dropped for their checksum
     qint64 msSinceLastPacket = -1; // -1: none yet
+    // A wireless master sends no data of its own: its figures are the sums over the
+    // trackers measuring through it, and this is their number. -1 for any other device.
+    int trackers = -1;
 
+    bool isMaster() const { return trackers >= 0; }
     // Share of the configured rate that arrives (1 when it keeps up; 0 when unknown).
     double ratio() const { return configuredRate > 0 ? packetsPerSecond / configuredRate : 0; }
-    // Keeps up within a few percent and has sent within a second.
+    // Keeps up within a few percent and has sent within a second; a master with no
+    // tracker measuring has nothing to keep up with.
     bool isHealthy() const
     {
+        if (trackers == 0)
+            return true;
         return msSinceLastPacket >= 0 && msSinceLastPacket < 1000 &&
                (configuredRate == 0 || ratio() > 0.95);
     }
+    // Adds a tracker's figures to a master's.
+    void addTracker(const NdaLinkHealth& tracker);
 };
 
 class NdaLinkHealthMeter

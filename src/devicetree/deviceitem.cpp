@@ -210,6 +210,10 @@ bool DeviceItem::updateLinkHealth()
                                                .arg(health.configuredRate)
                                                .arg(health.missed)
                                          : tr("%1 Hz, %2 missed").arg(received).arg(health.missed);
+        if (health.trackers == 0)
+            text = tr("no tracker measuring");
+        else if (health.isMaster())
+            text = tr("%n tracker(s), ", nullptr, health.trackers) + text;
         if (health.checksumErrors > 0)
             text += tr(", %1 checksum errors").arg(health.checksumErrors);
 
@@ -229,6 +233,11 @@ bool DeviceItem::updateLinkHealth()
                   .arg(health.packets)
                   .arg(health.missed)
                   .arg(health.checksumErrors);
+        if (health.isMaster())
+            tip = tr("A wireless master sends no data of its own: its link is that of the "
+                     "%n tracker(s) measuring through it.",
+                     nullptr, health.trackers) +
+                  QLatin1Char('\n') + tip;
     }
     const bool changed =
         text != m_link->value().toString() || tip != m_linkToolTip || troubled != m_linkTroubled;

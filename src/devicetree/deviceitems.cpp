@@ -67,21 +67,21 @@ KvigItem* KvigItem::createItem(const NvDeviceId& id, DeviceModel& model)
 KviSeriesAItem* KviSeriesAItem::createItem(const NvDeviceId& id, DeviceModel& model)
 {
     auto* item = new KviSeriesAItem(id, model);
-    finish(item, id.isGnss() ? QStringLiteral("gnss") : QStringLiteral("tracker"));
+    finish(item, QStringLiteral("seriesa"));
     return item;
 }
 
 KviSeriesBItem* KviSeriesBItem::createItem(const NvDeviceId& id, DeviceModel& model)
 {
     auto* item = new KviSeriesBItem(id, model);
-    finish(item, id.isGnss() ? QStringLiteral("gnss") : QStringLiteral("tracker"));
+    finish(item, QStringLiteral("seriesb"));
     return item;
 }
 
 KviSeriesCItem* KviSeriesCItem::createItem(const NvDeviceId& id, DeviceModel& model)
 {
     auto* item = new KviSeriesCItem(id, model);
-    finish(item, id.isGnss() ? QStringLiteral("gnss") : QStringLiteral("tracker"));
+    finish(item, QStringLiteral("seriesc"));
     return item;
 }
 
@@ -224,7 +224,9 @@ AerloStationItem* AerloStationItem::createItem(const NvDeviceId& id, DeviceModel
 {
     auto* item = new AerloStationItem(id, tr("Aerlo Station"), model);
     item->createStationItems();
-    item->setIcon(DeviceModel::familyIcon(QStringLiteral("station")));
+    // A synchronisation station gets a row of this kind, but an icon of its own.
+    item->setIcon(DeviceModel::familyIcon(id.isSyncStation() ? QStringLiteral("syncstation")
+                                                             : QStringLiteral("station")));
     item->refresh();
     return item;
 }

@@ -13,7 +13,7 @@ namespace {
 
 const char* const SettingsGroup = "Devicelist";
 const char* const ColumnWidthKey = "columnWidth";
-constexpr int DefaultColumnWidth = 170;
+constexpr int DefaultColumnWidth = 100;
 
 } // namespace
 
@@ -30,6 +30,8 @@ DeviceTreeView::DeviceTreeView(QWidget* parent)
     setAlternatingRowColors(true);
     setIndentation(10);
     setEditTriggers(QAbstractItemView::AllEditTriggers);
+    // Measure and Config Mode act on the selection: Ctrl- and Shift-click pick a set.
+    setSelectionMode(QAbstractItemView::ExtendedSelection);
 }
 
 void DeviceTreeView::contextMenuEvent(QContextMenuEvent* event)

@@ -362,6 +362,7 @@ void DeviceModel::reloadList()
     m_resetting = true;
 
     NvDeviceIdArray mains = m_control.mainDeviceIds();
+    NvDeviceIdArray connected;
     // Masters first; the order within either kind is of no concern.
     std::sort(mains.begin(), mains.end(), [](const NvDeviceId& a, const NvDeviceId& b) {
         return a.isWirelessMaster() && !b.isWirelessMaster();
@@ -375,6 +376,7 @@ void DeviceModel::reloadList()
         checkFirmware(item);
         appendChild(m_root, item);
         m_devices[id] = item;
+        connected.push_back(id);
     }
 
     for (const NvDeviceId& id : m_control.deviceIds()) {
@@ -391,6 +393,9 @@ void DeviceModel::reloadList()
 
     m_resetting = false;
     endResetModel();
+    // Told once the model is whole again, so that a listener may look at it.
+    for (const NvDeviceId& id : connected)
+        emit deviceConnected(id);
     refreshList();
     m_rebuilding = false;
     emit listRebuilt();
@@ -607,7 +612,7 @@ QIcon DeviceModel::familyIcon(const QString& name)
 
 QIcon DeviceModel::warningIcon()
 {
-    return familyIcon(QStringLiteral("warning"));
+    return QIcon(QStringLiteral(":/kvmanager/Resources/misc/warning.png"));
 }
 
 QString DeviceModel::newerFirmwareText()

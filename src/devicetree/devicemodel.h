@@ -111,6 +111,8 @@ signals:
     void userChangedData();
     // reloadList() is done, rows and all.
     void listRebuilt();
+    // A rebuild gave a main device its row (the usage statistics count these).
+    void deviceConnected(const NvDeviceId& id);
 
 private:
     friend class DeviceItem;

@@ -221,7 +221,7 @@ void Journaller::writeFileHeader(const std::string& text)
     // ISO with the UTC offset, so the epoch seconds of the lines can be related to it.
     std::strftime(date, sizeof(date), "%Y-%m-%d %H:%M:%S %z", &local);
     writeLine(JLL_WRITE, "Journaller logging to " + fileName() + " for " + text + " on " + date,
-              true);
+              true, false);
 }
 
 bool Journaller::moveLogFile(const std::string& newFileName, bool purge, bool copyContents)
@@ -298,11 +298,12 @@ JournalAdditionalLogger* Journaller::additionalLogger()
     return m_additionalLogger.load();
 }
 
-void Journaller::writeLine(JournalLogLevel level, const std::string& text, bool forceFlush)
+void Journaller::writeLine(JournalLogLevel level, const std::string& text, bool forceFlush,
+                           bool echo)
 {
     const std::string line = formatLine(level, text);
     std::lock_guard<std::timed_mutex> lock(m_threader->mutex());
-    putLine(level, line, forceFlush);
+    putLine(level, line, forceFlush, echo);
 }
 
 std::string Journaller::formatLine(JournalLogLevel level, const std::string& text) const
@@ -324,14 +325,14 @@ std::string Journaller::formatLine(JournalLogLevel level, const std::string& tex
     return line;
 }
 
-void Journaller::putLine(JournalLogLevel level, const std::string& line, bool forceFlush)
+void Journaller::putLine(JournalLogLevel level, const std::string& line, bool forceFlush, bool echo)
 {
     if (level >= m_logLevel.load()) {
         *m_file << line;
         if (forceFlush || level >= m_flushLevel.load())
             m_file->flush();
     }
-    if (level >= m_debugLevel.load())
+    if (echo && level >= m_debugLevel.load())
         std::fwrite(line.data(), 1, line.size(), stderr);
 }
 

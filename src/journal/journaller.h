@@ -111,7 +111,7 @@ public:
     std::string fileName() const;
 
     // "Journaller logging to <file> for <text> on <date>", the date as local
-    // "YYYY-MM-DD hh:mm:ss +zzzz".
+    // "YYYY-MM-DD hh:mm:ss +zzzz". File only: it says nothing to a reader of stderr.
     void writeFileHeader(const std::string& text);
 
     // "************ Dump Begin ************", one line per frame with demangled names,
@@ -133,11 +133,12 @@ public:
     static JournalAdditionalLogger* additionalLogger();
 
 private:
-    void writeLine(JournalLogLevel level, const std::string& text, bool forceFlush);
+    void writeLine(JournalLogLevel level, const std::string& text, bool forceFlush,
+                   bool echo = true);
     std::string timeText() const;
     std::string formatLine(JournalLogLevel level, const std::string& text) const;
     // The caller holds m_threader->mutex() (or, in a crash, could not get it).
-    void putLine(JournalLogLevel level, const std::string& line, bool forceFlush);
+    void putLine(JournalLogLevel level, const std::string& line, bool forceFlush, bool echo = true);
     // Loads what backtrace() needs while it is still safe to do so.
     static void primeCallstack();
 
@@ -145,7 +146,9 @@ private:
     std::shared_ptr<JournalThreader> m_threader;
     std::atomic<JournalLogLevel> m_logLevel;
     std::atomic<JournalLogLevel> m_debugLevel{JLL_FATAL};
-    std::atomic<JournalLogLevel> m_flushLevel{JLL_FATAL};
+    // Alerts and worse are what a reader of a hung or killed program looks for; they are
+    // rare, so flushing after each costs nothing.
+    std::atomic<JournalLogLevel> m_flushLevel{JLL_ALERT};
     std::atomic<bool> m_calendarTime{false};
     mutable std::mutex m_tagMutex;
     std::string m_tag; // guarded by m_tagMutex

@@ -1,5 +1,6 @@
 // Sets up the journal and crash handler the way the application does, then dies in the
-// way named on the command line: crashchild LOGFILE (segv|fpe|abort|ill|qfatal).
+// way named on the command line: crashchild LOGFILE (segv|fpe|abort|ill|qfatal). With
+// "alert" it journals a Qt warning, says "logged" on stdout and waits to be killed.
 #include "crashhandler.h"
 #include "jlqt.h"
 #include "journaller.h"
@@ -7,7 +8,10 @@
 #include <QtGlobal>
 
 #include <csignal>
+#include <cstdio>
 #include <cstring>
+
+#include <unistd.h>
 
 namespace crashtest {
 // Not inlined, so that the dump has a named frame of ours to look for; not checked by
@@ -39,6 +43,13 @@ int main(int argc, char** argv)
     jlSetCrashJournal(journal);
     installCrashHandler();
     qInstallMessageHandler(jlQtMessageHandler);
+    if (std::strcmp(argv[2], "alert") == 0) {
+        qWarning("alert for the test");
+        std::puts("logged");
+        std::fflush(stdout);
+        for (;;)
+            pause();
+    }
     crashtest::faultingFunction(argv[2]);
     return 0;
 }

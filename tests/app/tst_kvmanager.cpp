@@ -1,7 +1,9 @@
 #include "deviceitem.h"
+#include "devicelist.h"
 #include "devicemodel.h"
 #include "fakeport.h"
 #include "hardwarescanner.h"
+#include "journaller.h"
 #include "kvmanager.h"
 #include "kvsimharness.h"
 #include "messagewindow.h"
@@ -11,9 +13,12 @@
 #include <QDockWidget>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QLabel>
 #include <QMenu>
 #include <QMessageBox>
 #include <QMimeData>
+#include <QRegularExpression>
+#include <QScopeGuard>
 #include <QSettings>
 #include <QSignalSpy>
 #include <QStandardPaths>
@@ -21,6 +26,7 @@
 #include <QTest>
 #include <QThread>
 #include <QTimer>
+#include <QTreeView>
 #include <QUrl>
 
 #include <algorithm>
@@ -81,6 +87,8 @@ private slots:
     void closingDuringAScanDoesNotWaitForIt();
     void deviceErrorsHaveTheirPrefixAndOpenTheMessageWindowOnce();
     void deviceNotificationsAndTheRecordingIndicator();
+    void ctrlClickedDevicesAreTheOnesThatMeasure();
+    void masterWithoutTrackersIsNoLinkBehind();
 
 private:
     std::unique_ptr<KvManager> m_window;
@@ -556,6 +564,7 @@ void TestKvManager::deviceErrorsHaveTheirPrefixAndOpenTheMessageWindowOnce()
     const NvDeviceId id = NvDeviceId::fromString("1300000000001000");
     NdaControl* control = m_window->ndaControl();
     emit control->error(id, NvResultValue(50)); // a warning: the window stays closed
+    emit control->warning(id, NRV_WARNING);     // and so it does for the device's warnings
     QVERIFY(!m_window->messageWindowDock()->isVisible());
     emit control->error(id, NvResultValue(42));
     emit control->error(id, NRV_COULD_NOT_GO_TO_MEASUREMENT);
@@ -563,14 +572,15 @@ void TestKvManager::deviceErrorsHaveTheirPrefixAndOpenTheMessageWindowOnce()
     QVERIFY(m_window->messageWindowDock()->isVisible());
     QCOMPARE(shown.count(), 1); // opened once for the three
     const QStringList lines = m_window->messageWindow()->lines();
-    QCOMPARE(lines.size(), 4);
+    QCOMPARE(lines.size(), 5);
     QVERIFY(lines[0].startsWith(QStringLiteral("WARNING: Device: 1300000000001000: ")));
-    QVERIFY(lines[1].startsWith(QStringLiteral("ERROR: Device: 1300000000001000: ")));
+    QCOMPARE(lines[1], QStringLiteral("WARNING: Device: 1300000000001000: Warning."));
     QVERIFY(lines[2].startsWith(QStringLiteral("ERROR: Device: 1300000000001000: ")));
-    QCOMPARE(lines[3], QStringLiteral("WARNING: Device: 1300000000001000: Data Overflow detected. "
+    QVERIFY(lines[3].startsWith(QStringLiteral("ERROR: Device: 1300000000001000: ")));
+    QCOMPARE(lines[4], QStringLiteral("WARNING: Device: 1300000000001000: Data Overflow detected. "
                                       "Sample times may not be correct. Selected baudrate may be "
                                       "too low."));
-    QVERIFY(lines[1].endsWith(QLatin1Char('.')));
+    QVERIFY(lines[2].endsWith(QLatin1Char('.')));
 }
 
 void TestKvManager::deviceNotificationsAndTheRecordingIndicator()
@@ -606,6 +616,139 @@ void TestKvManager::deviceNotificationsAndTheRecordingIndicator()
     QVERIFY(m_window->isSendingBatteryRequests() && m_window->isSendingGpsStatusRequests());
     m_window->ndaControl()->close(); // closing the devices ends the requests
     QVERIFY(!m_window->isSendingBatteryRequests() && !m_window->isSendingGpsStatusRequests());
+}
+
+namespace {
+
+// Waits until every mode change asked for so far has run.
+bool modeChangesSettle(DeviceController* controller, QSignalSpy& done, int before)
+{
+    return QTest::qWaitFor([&] { return done.count() > before && !controller->isChangingModes(); },
+                           20000);
+}
+
+void clickRow(QTreeView* view, int row, Qt::KeyboardModifiers modifiers)
+{
+    const QModelIndex index = view->model()->index(row, 0);
+    view->scrollTo(index);
+    QTest::mouseClick(view->viewport(), Qt::LeftButton, modifiers,
+                      view->visualRect(index).center());
+}
+
+} // namespace
+
+void TestKvManager::ctrlClickedDevicesAreTheOnesThatMeasure()
+{
+    // Usage events are TRACE lines of the journal.
+    QTemporaryDir logFolder;
+    const QString logPath = logFolder.filePath(QStringLiteral("kvmanager.log"));
+    Journaller journal(logPath.toStdString(), true, JLL_TRACE);
+    jlSetGlobalJournal(&journal);
+    const auto forget = qScopeGuard([] { jlSetGlobalJournal(nullptr); });
+    kvtest::KvsimProcess sim(
+        {"--device", "imu", "--device", "ahrs", "--device", "gnss", "--quiet"});
+    QVERIFY(sim.started());
+    qputenv("XDG_RUNTIME_DIR", QByteArray::fromStdString(sim.runtimeDir()));
+    qputenv("NV_SCAN_SYSTEM_PORTS", "0");
+    ModalCloser closer;
+    QVERIFY(QTest::qWaitForWindowExposed(m_window.get()));
+    // A press while a row's expansion is animated only ends the animation.
+    QTreeView* view = m_window->deviceList()->view();
+    view->setAnimated(false);
+    DeviceController* controller = m_window->deviceController();
+    NdaControl* control = m_window->ndaControl();
+    QSignalSpy done(controller, &DeviceController::modeChangesDone);
+    m_window->doScanAllPorts();
+    QTRY_COMPARE_WITH_TIMEOUT(m_window->deviceModel()->rowCount(), 3, 20000);
+    QVERIFY(modeChangesSettle(controller, done, 0)); // the scan's measurement
+    QTRY_COMPARE_WITH_TIMEOUT(controller->numberOfMeasuringDevices(), size_t(3), 10000);
+
+    // Ctrl+A and Config Mode: all three stop.
+    view->setFocus();
+    QTest::keyClick(view, Qt::Key_A, Qt::ControlModifier);
+    QCOMPARE(m_window->selectedDevices().size(), size_t(3));
+    int before = done.count();
+    m_window->ui().actionConfigMode->trigger();
+    QVERIFY(modeChangesSettle(controller, done, before));
+    QTRY_COMPARE_WITH_TIMEOUT(controller->numberOfMeasuringDevices(), size_t(0), 10000);
+
+    // The first device, Ctrl-click the third, Measure: those two measure, the second not.
+    clickRow(view, 0, Qt::NoModifier);
+    clickRow(view, 2, Qt::ControlModifier);
+    const NvDeviceId first = m_window->deviceModel()->deviceId(view->model()->index(0, 0));
+    const NvDeviceId second = m_window->deviceModel()->deviceId(view->model()->index(1, 0));
+    const NvDeviceId third = m_window->deviceModel()->deviceId(view->model()->index(2, 0));
+    before = done.count();
+    m_window->ui().actionMeasure->trigger();
+    QVERIFY(modeChangesSettle(controller, done, before));
+    QTRY_VERIFY_WITH_TIMEOUT(control->isMeasuring(first) && control->isMeasuring(third), 10000);
+    QTest::qWait(300); // news of anything else would be here by now
+    QVERIFY(!control->isMeasuring(second));
+    QCOMPARE(controller->numberOfMeasuringDevices(), size_t(2));
+
+    // Each device that got its row is a usage event.
+    m_window->close();
+    jlSetGlobalJournal(nullptr);
+    journal.flush();
+    QFile log(logPath);
+    QVERIFY(log.open(QIODevice::ReadOnly));
+    const QString text = QString::fromUtf8(log.readAll());
+    for (const char* code : {"KV-100", "KV-300", "KV-770"})
+        QVERIFY2(text.contains(QStringLiteral("[TRACE] Usage: device/DeviceConnected_") +
+                               QLatin1String(code)),
+                 qPrintable(text));
+    qunsetenv("XDG_RUNTIME_DIR");
+    qunsetenv("NV_SCAN_SYSTEM_PORTS");
+}
+
+void TestKvManager::masterWithoutTrackersIsNoLinkBehind()
+{
+    kvtest::KvsimProcess sim({"--device", "master:2", "--quiet"});
+    QVERIFY(sim.started());
+    qputenv("XDG_RUNTIME_DIR", QByteArray::fromStdString(sim.runtimeDir()));
+    qputenv("NV_SCAN_SYSTEM_PORTS", "0");
+    ModalCloser closer;
+    const NvDeviceId master = NvDeviceId::fromString(sim.ports()[0].id);
+    DeviceController* controller = m_window->deviceController();
+    NdaControl* control = m_window->ndaControl();
+    QSignalSpy done(controller, &DeviceController::modeChangesDone);
+    auto packetsPerSecond = [this] {
+        static const QRegularExpression figure(QStringLiteral(", (\\d+) packets/s"));
+        return figure.match(m_window->deviceStatusText()).captured(1).toInt();
+    };
+
+    // The radio is off after power-up: the master measures with nobody behind it.
+    m_window->doScanAllPorts();
+    QVERIFY(modeChangesSettle(controller, done, 0));
+    QTRY_VERIFY_WITH_TIMEOUT(control->isMeasuring(master), 10000);
+    QTest::qWait(1500); // longer than a link may be silent
+    QVERIFY2(!m_window->deviceStatusText().contains(QStringLiteral("behind")),
+             qPrintable(m_window->deviceStatusText()));
+    QTRY_VERIFY(m_window->findChild<QLabel*>(QStringLiteral("deviceCountLabel"))
+                    ->toolTip()
+                    .contains(QStringLiteral("no tracker measuring")));
+
+    // Its trackers on the radio, scanned again: they measure and the master keeps up.
+    int before = done.count();
+    m_window->ui().actionConfigMode->trigger();
+    QVERIFY(modeChangesSettle(controller, done, before));
+    QTRY_VERIFY_WITH_TIMEOUT(!control->isMeasuring(master), 10000);
+    QVERIFY(control->enableRadio(master, 11));
+    QTRY_COMPARE_WITH_TIMEOUT(control->childDeviceIds(master).size(), size_t(2), 15000);
+    before = done.count();
+    m_window->doScanAllPorts();
+    QVERIFY(modeChangesSettle(controller, done, before));
+    QTRY_COMPARE_WITH_TIMEOUT(control->childDeviceIds(master).size(), size_t(2), 15000);
+    QTRY_VERIFY_WITH_TIMEOUT(packetsPerSecond() > 150, 10000); // 2 x 100 Hz
+    QTest::qWait(1500);
+    QVERIFY2(!m_window->deviceStatusText().contains(QStringLiteral("behind")),
+             qPrintable(m_window->deviceStatusText()));
+    QVERIFY(m_window->findChild<QLabel*>(QStringLiteral("deviceCountLabel"))
+                ->toolTip()
+                .contains(QStringLiteral("(2 tracker(s))")));
+    m_window->close();
+    qunsetenv("XDG_RUNTIME_DIR");
+    qunsetenv("NV_SCAN_SYSTEM_PORTS");
 }
 
 QTEST_MAIN(TestKvManager)

@@ -21,9 +21,11 @@ private slots:
     void noArgumentScansAllPorts();
     void undeclaredUpdateOptionsEndWithParserMessage_data();
     void undeclaredUpdateOptionsEndWithParserMessage();
-    void helpDescribesFileArgument();
+    void helpAndVersionSayOnlyWhatWasAskedFor_data();
+    void helpAndVersionSayOnlyWhatWasAskedFor();
     void crashWritesDumpAndExits255_data();
     void crashWritesDumpAndExits255();
+    void alertsAndErrorsSurviveSigkill();
 
 private:
     struct Run
@@ -163,15 +165,32 @@ void TestStartup::undeclaredUpdateOptionsEndWithParserMessage()
              qPrintable(run.errorOutput));
 }
 
-void TestStartup::helpDescribesFileArgument()
+void TestStartup::helpAndVersionSayOnlyWhatWasAskedFor_data()
 {
+    QTest::addColumn<QString>("option");
+    QTest::addColumn<QString>("expected");
+    QTest::newRow("help") << "-help"
+                          << "An kvb file to open";
+    QTest::newRow("version") << "-version"
+                             << "Kv Manager";
+}
+
+void TestStartup::helpAndVersionSayOnlyWhatWasAskedFor()
+{
+    QFETCH(QString, option);
+    QFETCH(QString, expected);
     QProcess process;
     process.setProcessEnvironment(isolatedEnvironment());
-    process.start(QStringLiteral(KVMANAGER_BINARY), {QStringLiteral("-help")});
+    process.start(QStringLiteral(KVMANAGER_BINARY), {option});
     QVERIFY(process.waitForFinished(30000));
     QCOMPARE(process.exitCode(), 0);
-    const QString help = QString::fromLocal8Bit(process.readAllStandardOutput());
-    QVERIFY2(help.contains(QStringLiteral("An kvb file to open")), qPrintable(help));
+    const QString output = QString::fromLocal8Bit(process.readAllStandardOutput());
+    QVERIFY2(output.contains(expected), qPrintable(output));
+    // No journal line (such as its header) on the terminal around it.
+    const QString errors = QString::fromLocal8Bit(process.readAllStandardError());
+    QVERIFY2(!errors.contains(QRegularExpression(QStringLiteral("\\d+\\.\\d{3} <[0-9A-F]{8}> "))),
+             qPrintable(errors));
+    QVERIFY2(!errors.contains(QStringLiteral("Journaller logging to")), qPrintable(errors));
 }
 
 void TestStartup::crashWritesDumpAndExits255_data()
@@ -211,6 +230,51 @@ void TestStartup::crashWritesDumpAndExits255()
              qPrintable(text));
     if (how == QLatin1String("qfatal"))
         QVERIFY(text.contains(QStringLiteral("[FATAL] fatal condition for the test")));
+}
+
+void TestStartup::alertsAndErrorsSurviveSigkill()
+{
+    // A child set up as the application sets itself up journals a Qt warning (ALERT).
+    QTemporaryDir dir;
+    const QString log = dir.filePath(QStringLiteral("alert.log"));
+    QProcess child;
+    child.start(QStringLiteral(CRASHCHILD_BINARY), {log, QStringLiteral("alert")});
+    QVERIFY(child.waitForStarted(10000));
+    QByteArray said;
+    QTRY_VERIFY_WITH_TIMEOUT((said += child.readAllStandardOutput()).contains("logged"), 10000);
+    ::kill(static_cast<pid_t>(child.processId()), SIGKILL);
+    QVERIFY(child.waitForFinished(10000));
+    QFile file(log);
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    const QString text = QString::fromUtf8(file.readAll());
+    QVERIFY2(text.contains(QStringLiteral("[ALERT] alert for the test")), qPrintable(text));
+
+    // The program itself, at its default log level: a recording it cannot load is an
+    // ERROR line, readable while its box waits for the user and after a kill -9.
+    QTemporaryDir work;
+    QFile recording(work.filePath(QStringLiteral("broken.kvb")));
+    QVERIFY(recording.open(QIODevice::WriteOnly));
+    recording.write("not a recording");
+    recording.close();
+    const QString journalPath =
+        m_home.filePath(QStringLiteral("data/Nivra/kvmanager/kvmanager.log"));
+    QFile::remove(journalPath);
+    QProcessEnvironment env = isolatedEnvironment();
+    env.remove(QStringLiteral("KVMANAGER_LOG_LEVEL"));
+    QProcess program;
+    program.setProcessEnvironment(env);
+    program.start(QStringLiteral(KVMANAGER_BINARY), {recording.fileName()});
+    QVERIFY(program.waitForStarted(10000));
+    auto journal = [&journalPath] {
+        QFile file(journalPath);
+        return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+    };
+    const QString line = QStringLiteral("[ERROR] Failed to load file ") + recording.fileName();
+    QTRY_VERIFY_WITH_TIMEOUT(journal().contains(line), 20000);
+    QCOMPARE(program.state(), QProcess::Running);
+    ::kill(static_cast<pid_t>(program.processId()), SIGKILL);
+    QVERIFY(program.waitForFinished(10000));
+    QVERIFY2(journal().contains(line), qPrintable(journal()));
 }
 
 QTEST_GUILESS_MAIN(TestStartup)

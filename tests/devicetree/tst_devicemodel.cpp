@@ -16,6 +16,10 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <memory>
+#include <tuple>
+#include <vector>
+
 namespace {
 
 using devicetreetest::idOfKind;
@@ -37,6 +41,16 @@ NvDeviceId rowDevice(const QModelIndex& index)
     return index.data(DeviceModel::DeviceIdRole).value<NvDeviceId>();
 }
 
+QImage iconImage(const QIcon& icon)
+{
+    return icon.pixmap(16, 16).toImage().convertToFormat(QImage::Format_ARGB32);
+}
+
+QImage iconImage(const QModelIndex& index)
+{
+    return iconImage(index.data(Qt::DecorationRole).value<QIcon>());
+}
+
 } // namespace
 
 class TestDeviceModel : public QObject
@@ -48,7 +62,9 @@ private slots:
     void rebuildListsMastersFirstWithTrackersAndFacts();
     void progressPowerOffAndStaleIndexes();
     void firmwareWarnings();
+    void everyFamilyHasAnIconOfItsOwn();
     void linkHealthTurnsAmberWhenPacketsGoMissing();
+    void masterLinkIsJudgedByItsTrackers();
 
 private:
     QTemporaryDir m_settingsDir;
@@ -301,7 +317,11 @@ void TestDeviceModel::firmwareWarnings()
             childByKey(model, model.index(0, 0, ahrsRow), QStringLiteral("Firmware Revision"));
         QCOMPARE(firmware.data(Qt::ToolTipRole).toString(),
                  QStringLiteral("Newer firmware is available"));
-        QVERIFY(!firmware.data(Qt::DecorationRole).value<QIcon>().isNull());
+        // The application's warning image, on the device row and the firmware row.
+        const QString warningPath = QStringLiteral(":/kvmanager/Resources/misc/warning.png");
+        QVERIFY(!QImage(warningPath).isNull());
+        QCOMPARE(iconImage(firmware), iconImage(QIcon(warningPath)));
+        QCOMPARE(iconImage(ahrsRow), iconImage(QIcon(warningPath)));
         QVERIFY(!model.getModelIndex(imu)
                      .data(Qt::ToolTipRole)
                      .toString()
@@ -309,6 +329,81 @@ void TestDeviceModel::firmwareWarnings()
     }
     QSettings().remove(QStringLiteral("firmwareVersions"));
     control.close();
+}
+
+void TestDeviceModel::everyFamilyHasAnIconOfItsOwn()
+{
+    // The row of each family as a rebuild makes it; the devices need not be there.
+    NdaControl control;
+    DeviceModel model(control);
+    using Make = DeviceItem* (*)(const NvDeviceId&, DeviceModel&);
+    const std::vector<std::tuple<const char*, uint32_t, Make>> families = {
+        {"inertial tracker", NvDeviceType::Kv300Ahrs,
+         [](const NvDeviceId& id, DeviceModel& m) -> DeviceItem* {
+             return KviItem::createItem(id, m);
+         }},
+        {"GNSS/INS tracker", NvDeviceType::Kv370GnssIns,
+         [](const NvDeviceId& id, DeviceModel& m) -> DeviceItem* {
+             return KvigItem::createItem(id, m);
+         }},
+        {"compact series", NvDeviceType::Kv100Imu,
+         [](const NvDeviceId& id, DeviceModel& m) -> DeviceItem* {
+             return KviSeriesAItem::createItem(id, m);
+         }},
+        {"industrial series", NvDeviceType::Kv610Imu,
+         [](const NvDeviceId& id, DeviceModel& m) -> DeviceItem* {
+             return KviSeriesBItem::createItem(id, m);
+         }},
+        {"high-end series", NvDeviceType::Kv770GnssIns,
+         [](const NvDeviceId& id, DeviceModel& m) -> DeviceItem* {
+             return KviSeriesCItem::createItem(id, m);
+         }},
+        {"legacy tracker", NvDeviceType::LegacyAhrs,
+         [](const NvDeviceId& id, DeviceModel& m) -> DeviceItem* {
+             return LegacyTrackerItem::createItem(id, m);
+         }},
+        {"wireless tracker", NvDeviceType::KvwTracker,
+         [](const NvDeviceId& id, DeviceModel& m) -> DeviceItem* {
+             return KvwItem::createItem(id, m);
+         }},
+        {"master station", NvDeviceType::StationX,
+         [](const NvDeviceId& id, DeviceModel& m) -> DeviceItem* {
+             return AerloStationItem::createItem(id, m);
+         }},
+        {"master dongle", NvDeviceType::DongleX,
+         [](const NvDeviceId& id, DeviceModel& m) -> DeviceItem* {
+             return AerloDongleItem::createItem(id, m);
+         }},
+        {"sync station", NvDeviceType::SyncStation,
+         [](const NvDeviceId& id, DeviceModel& m) -> DeviceItem* {
+             return AerloStationItem::createItem(id, m);
+         }},
+        {"body pack", NvDeviceType::BodyPack,
+         [](const NvDeviceId& id, DeviceModel& m) -> DeviceItem* {
+             return BodyPackItem::createItem(id, m);
+         }},
+        {"glove", NvDeviceType::GloveLeft,
+         [](const NvDeviceId& id, DeviceModel& m) -> DeviceItem* {
+             return GloveItem::createItem(id, m);
+         }},
+        {"iMAR", NvDeviceType::ImarFsas,
+         [](const NvDeviceId& id, DeviceModel& m) -> DeviceItem* {
+             return ImarItem::createItem(id, m);
+         }},
+    };
+    std::vector<std::pair<QString, QImage>> seen = {
+        {QStringLiteral("firmware warning"),
+         iconImage(QIcon(QStringLiteral(":/kvmanager/Resources/misc/warning.png")))}};
+    for (const auto& [family, type, make] : families) {
+        std::unique_ptr<DeviceItem> row(make(NvDeviceId::fromTypeAndSerial(type, 1), model));
+        const QImage image = iconImage(row->icon());
+        QVERIFY2(!image.isNull(), family);
+        for (const auto& [other, otherImage] : seen)
+            QVERIFY2(
+                image != otherImage,
+                qPrintable(QStringLiteral("%1 looks like %2").arg(QLatin1String(family), other)));
+        seen.emplace_back(QLatin1String(family), image);
+    }
 }
 
 void TestDeviceModel::linkHealthTurnsAmberWhenPacketsGoMissing()
@@ -353,6 +448,46 @@ void TestDeviceModel::linkHealthTurnsAmberWhenPacketsGoMissing()
         }
         control.gotoConfig(lossy);
         control.gotoConfig(clean);
+    }
+    control.close();
+}
+
+void TestDeviceModel::masterLinkIsJudgedByItsTrackers()
+{
+    kvtest::KvsimProcess sim({"--device", "master:2", "--quiet"});
+    QVERIFY2(sim.started(), sim.stderrText().c_str());
+    NdaControl control;
+    QVERIFY2(openAll(control, sim), qPrintable(control.lastResultText()));
+    const NvDeviceId master = idOfKind(sim, "master");
+    {
+        DeviceModel model(control);
+        model.reloadList();
+        auto link = [&] {
+            return childByKey(model, model.index(0, 0, model.getModelIndex(master)),
+                              QStringLiteral("Link"))
+                .siblingAtColumn(1);
+        };
+        // Its radio is off: no tracker sends, and the master is behind on nothing.
+        QVERIFY(control.gotoMeasurement(master));
+        QTest::qWait(3500); // past the grace a measurement start gets, and a refresh
+        QCOMPARE(link().data().toString(), QStringLiteral("no tracker measuring"));
+        QVERIFY(!link().data(Qt::ForegroundRole).isValid());
+        QVERIFY(control.gotoConfig(master));
+
+        // With the radio on both trackers call in; the master keeps up when they do.
+        QVERIFY(control.enableRadio(master, 11));
+        QTRY_COMPARE_WITH_TIMEOUT(control.childDeviceIds(master).size(), size_t(2), 15000);
+        model.reloadList(); // rows for the trackers
+        QVERIFY(control.gotoMeasurement(master));
+        QTRY_VERIFY_WITH_TIMEOUT(
+            link().data().toString().startsWith(QStringLiteral("2 tracker(s), ")), 5000);
+        QTest::qWait(3500);
+        const QString text = link().data().toString();
+        QVERIFY2(text.contains(QStringLiteral("/200 Hz, 0 missed")), qPrintable(text));
+        QVERIFY2(!link().data(Qt::ForegroundRole).isValid(), qPrintable(text));
+        QVERIFY(control.linkHealth(master).isHealthy());
+        QVERIFY(control.linkHealth(master).packetsPerSecond > 150);
+        control.gotoConfig(master);
     }
     control.close();
 }

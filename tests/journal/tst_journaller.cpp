@@ -7,6 +7,7 @@
 #include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QVariant>
 
 #include <atomic>
 #include <ctime>
@@ -239,6 +240,38 @@ private slots:
         QVERIFY(lines[1].endsWith("[WRITE] Log level set to [ERROR] "));
         QVERIFY(lines[2].endsWith("[WRITE] Debug level set to [FATAL] "));
         QVERIFY(lines[3].endsWith("[WRITE] Flush level set to [ERROR] "));
+        // The header is for the file's reader: on stderr it would come before a program's
+        // -help text.
+        QVERIFY(!capture.text().contains("Journaller logging to"));
+    }
+
+    void alertsAndWorseAreOnDiskWhenLogReturns_data()
+    {
+        QTest::addColumn<int>("lineLevel");
+        QTest::addColumn<QVariant>("flushLevel"); // invalid: the default
+        QTest::addColumn<bool>("onDisk");
+        QTest::newRow("debug waits") << int(JLL_DEBUG) << QVariant() << false;
+        QTest::newRow("alert") << int(JLL_ALERT) << QVariant() << true;
+        QTest::newRow("error") << int(JLL_ERROR) << QVariant() << true;
+        QTest::newRow("alert, flush level fatal")
+            << int(JLL_ALERT) << QVariant(int(JLL_FATAL)) << false;
+        QTest::newRow("debug, flush level trace")
+            << int(JLL_DEBUG) << QVariant(int(JLL_TRACE)) << true;
+    }
+    void alertsAndWorseAreOnDiskWhenLogReturns()
+    {
+        QFETCH(int, lineLevel);
+        QFETCH(QVariant, flushLevel);
+        QFETCH(bool, onDisk);
+        const QString path = newPath();
+        Journaller journal(s(path), true, JLL_TRACE);
+        if (flushLevel.isValid())
+            journal.setFlushLevel(JournalLogLevel(flushLevel.toInt()));
+        journal.log(JournalLogLevel(lineLevel), "flush probe");
+        // Read while the journaller still holds its buffer, as a `tail -f` would.
+        QCOMPARE(readAll(path).contains("flush probe"), onDisk);
+        journal.flush();
+        QVERIFY(readAll(path).contains("flush probe"));
     }
 
     void unopenableFileEchoesAndCanMove()

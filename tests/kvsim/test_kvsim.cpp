@@ -11,9 +11,11 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdio>
 #include <ctime>
 #include <map>
 #include <set>
+#include <sstream>
 
 using namespace kvtest;
 using namespace std::chrono_literals;
@@ -189,6 +191,56 @@ TEST(KvsimConfiguration, LegacyDeviceHasTheReducedItemSet)
         const NvDataPacket p(m);
         EXPECT_TRUE(p.contains(NDI_EULER_ANGLES));
         EXPECT_EQ(p.itemCount(), 2u);
+    }
+}
+
+// The help's rate lists against what the devices accept: the help once promised 800 Hz,
+// which is refused, and left out 125 and 250 Hz, which are taken.
+TEST(KvsimConfiguration, HelpListsExactlyTheOutputRatesTheDevicesAccept)
+{
+    std::string help;
+    {
+        FILE* pipe = popen(KVSIM_BINARY " --help", "r");
+        ASSERT_NE(pipe, nullptr);
+        char buffer[4096];
+        size_t n;
+        while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0)
+            help.append(buffer, n);
+        ASSERT_EQ(pclose(pipe), 0);
+    }
+    auto listed = [&help](const std::string& heading) {
+        std::set<int> rates;
+        const size_t at = help.find("\n" + heading);
+        EXPECT_NE(at, std::string::npos) << heading;
+        if (at == std::string::npos)
+            return rates;
+        std::istringstream line(help.substr(at + 1 + heading.size(),
+                                            help.find('\n', at + 1) - at - 1 - heading.size()));
+        int rate;
+        while (line >> rate)
+            rates.insert(rate);
+        return rates;
+    };
+
+    KvsimProcess sim({"--device", "imu", "--device", "legacy", "--quiet"});
+    ASSERT_TRUE(sim.started()) << sim.stderrText();
+    // Acceleration is one of the items the help gives the whole list for, on both kinds.
+    for (const auto& [index, heading] :
+         {std::pair<size_t, std::string>{0, "Divisors of 2000:"}, {1, "Divisors of 400:"}}) {
+        const std::set<int> promised = listed(heading);
+        ASSERT_FALSE(promised.empty()) << heading;
+        HostPort port(sim.ports()[index].path);
+        goToConfig(port);
+        std::set<int> accepted;
+        for (int rate = 1; rate <= 2000; ++rate) {
+            const NvOutputConfigurationArray config = {
+                {NDI_ACCELERATION, static_cast<uint16_t>(rate)}};
+            const NvMessage reply = port.request(NvMid::SetOutputConfiguration, wire(config));
+            ASSERT_FALSE(reply.isEmpty()) << rate;
+            if (reply.messageId() == NvMid::OutputConfiguration)
+                accepted.insert(rate);
+        }
+        EXPECT_EQ(accepted, promised) << sim.ports()[index].kind;
     }
 }
 

@@ -1,4 +1,6 @@
-// Recording files: kvb written and read back, cut, damaged, split, full disks; bin and nm.
+// Recording files: kvb written and read back, cut, damaged, split, full disks; bin and nm;
+// packets in counter order; files that are not regular files.
+#include "blockguard.h"
 #include "ndalogfile.h"
 #include "nvframeparser.h"
 
@@ -11,8 +13,10 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
+#include <set>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -414,7 +418,8 @@ TEST(LogNotARecording, TextPngRandomEmptyMissing)
     EXPECT_EQ(r.open(dir / "nothing.kvb"), NRV_FILE_NOT_FOUND);
     EXPECT_EQ(r.open(dir / "nothing/at/all.kvb"), NRV_FILE_NOT_FOUND);
     fs::create_directory(dir / "folder.kvb");
-    EXPECT_EQ(r.open(dir / "folder.kvb"), NRV_FILE_NOT_FOUND);
+    EXPECT_EQ(r.open(dir / "folder.kvb"), NRV_NOT_A_REGULAR_FILE);
+    EXPECT_EQ(r.open("/dev/null"), NRV_NOT_A_REGULAR_FILE);
 
     // A kvb of a later format version.
     writeThreeDevices(dir / "v1.kvb");
@@ -784,4 +789,183 @@ TEST(LogLoad, ProgressAndAbort)
     abort = false;
     EXPECT_EQ(r.load({}, &abort), NRV_OK);
     EXPECT_EQ(r.packetCount(0), 60000u);
+}
+
+// open() on a FIFO waits for a writer: it must never be tried.
+TEST(LogNotARegularFile, FifoIsRefusedAtOnceAlsoAsTheNextPart)
+{
+    TempDir dir;
+    const std::string fifo = dir / "pipe.kvb";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    LogReader r;
+    NvResultValue rc = NRV_OK;
+    EXPECT_TRUE(kvtest::returnsPromptly([&] { rc = r.open(fifo); }, fifo));
+    EXPECT_EQ(rc, NRV_NOT_A_REGULAR_FILE);
+    EXPECT_STREQ(nvResultValueText(rc), "Not a regular file (a folder, FIFO or device)");
+
+    // Named like the second part of a recording: the recording has one part.
+    const std::string first = dir / "rec.kvb";
+    const std::string second = dir / "rec-002.kvb";
+    writeThreeDevices(first);
+    ASSERT_EQ(::mkfifo(second.c_str(), 0600), 0);
+    ASSERT_EQ(r.open(first), NRV_OK);
+    std::vector<std::string> parts = {"?"};
+    EXPECT_TRUE(kvtest::returnsPromptly([&] { parts = r.followingParts(); }, second));
+    EXPECT_TRUE(parts.empty());
+    r.setFollowingParts({second});
+    EXPECT_TRUE(kvtest::returnsPromptly([&] { rc = r.load(); }, second));
+    EXPECT_EQ(rc, NRV_OK);
+    EXPECT_EQ(r.loadedParts(), 1u);
+    EXPECT_EQ(r.packetCount(0), 50u);
+}
+
+namespace {
+
+// A tracker's packet for sample `n` at 2000 Hz (5 ticks of the sample time a sample);
+// `tag` tells packets apart that share a counter.
+NvMessage trackerPacket(uint32_t n, uint32_t ticks, float tag = 0)
+{
+    NvDataPacketBuilder b(5);
+    b.setPacketCounter(uint16_t(n));
+    b.setSampleTimeFine(ticks);
+    b.setVector3(NDI_ACCELERATION, {tag, 0, 9.81});
+    return b.toMessage();
+}
+
+std::vector<uint16_t> counterRun(uint32_t count)
+{
+    std::vector<uint16_t> out;
+    for (uint32_t n = 0; n < count; ++n)
+        out.push_back(uint16_t(n));
+    return out;
+}
+
+} // namespace
+
+// What a master's trackers retransmit after the recording is appended at the file's end;
+// it plays back where its counters put it.
+TEST(LogOrder, RetransmittedPacketsTakeTheirPlacesAcrossCounterWraps)
+{
+    TempDir dir;
+    const std::string path = dir / "flushed.kvb";
+    // 50 s at 2000 Hz: the counter wraps, and some missed packets lie further back than
+    // half its range when they come.
+    constexpr uint32_t Samples = 100000;
+    const std::set<uint32_t> missed = {3, 4, 5, 20000, 50000, 50001, 99990};
+    LogWriter w;
+    ASSERT_EQ(w.create(path), NRV_OK);
+    const uint8_t tracker = w.addDevice(kTracker, {});
+    const uint8_t plain = w.addDevice(kImu, {});
+    const uint8_t restarted = w.addDevice(kLegacy, {});
+    for (uint32_t n = 0; n < Samples; ++n) {
+        if (!missed.count(n))
+            w.append(tracker, trackerPacket(n, n * 5));
+        if (n % 100 == 0) {
+            // No counter at all: file order.
+            NvDataPacketBuilder b;
+            b.setVector3(NDI_ACCELERATION, {double(Samples - n), 0, 0});
+            w.append(plain, b.toMessage());
+        }
+        // Measurement started anew half-way: the counter begins at 0 again while the
+        // sample time runs on; one packet of the second run comes back at the end.
+        if (n % 50 == 0 && n != 60000)
+            w.append(restarted, trackerPacket(n < 50000 ? n / 50 : n / 50 - 1000, n * 5, 2));
+    }
+    for (uint32_t n : missed)
+        w.append(tracker, trackerPacket(n, n * 5));
+    w.append(restarted, trackerPacket(200, 60000 * 5, 2));
+    ASSERT_EQ(w.close(), NRV_OK);
+
+    std::vector<uint16_t> restartedCounters = counterRun(1000);
+    for (uint16_t c : counterRun(1000))
+        restartedCounters.push_back(c);
+    std::vector<NvDataPacket> kept;
+    for (LogReader::Access access : {LogReader::Access::Map, LogReader::Access::Read}) {
+        SCOPED_TRACE(int(access));
+        LogReader r;
+        r.setAccess(access);
+        ASSERT_EQ(openAndLoad(r, path), NRV_OK);
+        EXPECT_EQ(r.isMapped(), access == LogReader::Access::Map);
+        ASSERT_EQ(r.devices().size(), 3u);
+        EXPECT_EQ(counters(r, 0), counterRun(Samples));
+        ASSERT_EQ(r.packetCount(1), Samples / 100);
+        for (size_t i = 0; i < r.packetCount(1); ++i)
+            ASSERT_EQ(r.packet(1, i).acceleration().x, double(Samples - 100 * i)) << i;
+        EXPECT_EQ(counters(r, 2), restartedCounters);
+        EXPECT_LE(r.indexBytes(), 10 * (Samples + Samples / 100 + Samples / 50) + 65536);
+        kept.push_back(r.packet(0, Samples - 1));
+    }
+    // Packets outlive their reader and its mapping.
+    for (const NvDataPacket& p : kept) {
+        EXPECT_EQ(p.packetCounter(), uint16_t(Samples - 1));
+        EXPECT_EQ(p.sampleTimeFine(), (Samples - 1) * 5);
+    }
+}
+
+// A split recording loaded as one: the flush lands in the last part and plays in the
+// earlier ones.
+TEST(LogOrder, AFlushInTheLastPartPlaysInTheEarlierOnes)
+{
+    TempDir dir;
+    LogWriterOptions options;
+    options.splitBytes = 16000;
+    LogWriter w;
+    ASSERT_EQ(w.create(dir / "split.kvb", options), NRV_OK);
+    const uint8_t tracker = w.addDevice(kTracker, description(2, "KVW-2"));
+    constexpr uint32_t Samples = 2000;
+    for (uint32_t n = 0; n < Samples; ++n)
+        if (n % 97 != 1)
+            w.append(tracker, trackerPacket(n, n * 5));
+    for (uint32_t n = 1; n < Samples; n += 97)
+        w.append(tracker, trackerPacket(n, n * 5));
+    ASSERT_EQ(w.close(), NRV_OK);
+    const std::vector<std::string> parts = w.parts();
+    ASSERT_GE(parts.size(), 3u);
+    const std::vector<std::string> following(parts.begin() + 1, parts.end());
+
+    LogReader r;
+    ASSERT_EQ(r.open(parts[0]), NRV_OK);
+    r.setFollowingParts(following);
+    ASSERT_EQ(r.load(), NRV_OK);
+    EXPECT_EQ(r.loadedParts(), parts.size());
+    EXPECT_TRUE(r.isComplete());
+    uint64_t bytes = 0;
+    for (const std::string& part : parts)
+        bytes += fs::file_size(part);
+    EXPECT_EQ(r.fileSize(), bytes);
+    ASSERT_EQ(r.devices().size(), 1u);
+    EXPECT_EQ(r.devices()[0].productCode, "KVW-2");
+    EXPECT_EQ(counters(r, 0), counterRun(Samples));
+    EXPECT_EQ(r.messageCount(0), 8u * parts.size()); // each part describes the tracker
+
+    // A part of another recording in the place of the third: the recording ends before it.
+    LogWriter other;
+    ASSERT_EQ(other.create(dir / "other.kvb"), NRV_OK);
+    ASSERT_EQ(other.close(), NRV_OK);
+    fs::copy_file(dir / "other.kvb", parts[2], fs::copy_options::overwrite_existing);
+    ASSERT_EQ(r.open(parts[0]), NRV_OK);
+    r.setFollowingParts(following);
+    ASSERT_EQ(r.load(), NRV_OK);
+    EXPECT_EQ(r.loadedParts(), 2u);
+    EXPECT_TRUE(r.continues()); // as the second part's end says
+    EXPECT_EQ(r.fileSize(), fs::file_size(parts[0]) + fs::file_size(parts[1]));
+}
+
+// Recording again under the name of a recording that is loaded (mapped) must not pull the
+// pages from under its reader.
+TEST(LogOrder, RecordingOverALoadedFileLeavesItsReaderWhole)
+{
+    TempDir dir;
+    const std::string path = dir / "again.kvb";
+    const auto sent = writeThreeDevices(path);
+    LogReader r;
+    ASSERT_EQ(openAndLoad(r, path), NRV_OK);
+    ASSERT_TRUE(r.isMapped());
+    LogWriter w;
+    ASSERT_EQ(w.create(path), NRV_OK);
+    ASSERT_EQ(w.close(), NRV_OK);
+    ASSERT_LT(fs::file_size(path), r.fileSize());
+    for (size_t d = 0; d < 3; ++d)
+        for (size_t i = 0; i < sent[d].size(); ++i)
+            ASSERT_EQ(r.packet(d, i).dataSize(), sent[d][i].dataSize());
 }

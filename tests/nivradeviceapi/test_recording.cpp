@@ -1,11 +1,13 @@
 // Recording live devices to kvb files through the library and reading them back as file
 // devices: what the callbacks delivered is what the file holds, in order.
+#include "blockguard.h"
 #include "controltest.h"
 #include "ndalogfile.h"
 
 #include <csignal>
 #include <cstring>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -256,23 +258,37 @@ TEST_F(RecordingTest, AMastersRecordingGetsWhatItMissedBackByTheFlush)
     ASSERT_TRUE(NvDevice_gotoConfig(master));
     NvControl_close(control);
 
-    // In the file each tracker's counters run without a gap: nothing was lost.
+    // In the file each tracker's counters run without a gap: nothing was lost. What came
+    // back by the flush (at the file's end) plays where it belongs.
     std::map<NvDeviceId, NvDevice*> files;
     ASSERT_TRUE(openAndLoad(file, files));
     EXPECT_EQ(files.size(), 4u); // the master and its three trackers
+    NvDataPacket kept;
     for (const NvDeviceId& id : {t1, t2}) {
         NvDevice* f = files[id];
         ASSERT_NE(f, nullptr);
         std::set<int> counters;
+        int64_t notNext = 0;
+        NvDataPacket previous;
         for (int64_t k = 0; k < NvDevice_packetCount(f); ++k) {
             NvDataPacket p;
             ASSERT_TRUE(NvDevice_dataPacketByIndex(f, k, &p));
             counters.insert(p.packetCounter());
+            if (k > 0 && p.packetCounter() != uint16_t(previous.packetCounter() + 1))
+                ++notNext;
+            previous = p;
         }
         ASSERT_GT(counters.size(), 100u);
         EXPECT_EQ(int(counters.size()), *counters.rbegin() - *counters.begin() + 1)
             << id.toString();
+        EXPECT_EQ(notNext, 0) << id.toString();
+        kept = previous;
     }
+    // A packet handed out outlives its file device.
+    const NvByteArray keptData = dataOf(kept);
+    NvControl_close(control);
+    EXPECT_EQ(dataOf(kept), keptData);
+    EXPECT_NE(kept.sampleTimeFine(), 0u);
 }
 
 TEST_F(RecordingTest, AFullDiskEndsTheRecordingWithAnErrorAndKeepsAValidFile)
@@ -281,6 +297,16 @@ TEST_F(RecordingTest, AFullDiskEndsTheRecordingWithAnErrorAndKeepsAValidFile)
     ASSERT_TRUE(sim.started()) << sim.stderrText();
     NvDevice* dev = open(sim.ports()[0]);
     ASSERT_NE(dev, nullptr);
+    // Every packet delivered in Recording ends up in the file or counted lost.
+    struct InRecording : NvCallback
+    {
+        void onLiveDataAvailable(NvDevice* d, const NvDataPacket*) override
+        {
+            packets += NvDevice_deviceState(d) == NDS_RECORDING;
+        }
+        std::atomic<uint64_t> packets{0};
+    } inRecording;
+    NvControl_addCallbackHandler(control, inRecording.plainC(), 1);
     // A file-size limit stands in for a full disk; the signal it raises is ignored so
     // that the write fails instead.
     std::signal(SIGXFSZ, SIG_IGN);
@@ -304,10 +330,16 @@ TEST_F(RecordingTest, AFullDiskEndsTheRecordingWithAnErrorAndKeepsAValidFile)
     ASSERT_TRUE(failed);
     ASSERT_TRUE(waitUntil([&] { return NvDevice_deviceState(dev) == NDS_MEASUREMENT; }));
     EXPECT_FALSE(NvDevice_isRecording(dev));
+    const uint64_t written = NvDevice_logPacketsWritten(dev);
+    const uint64_t lost = NvDevice_logPacketsLost(dev);
+    EXPECT_GT(lost, 0u);
     NvControl_close(control);
+    NvControl_removeCallbackHandler(control, inRecording.plainC());
+    EXPECT_EQ(written + lost, inRecording.packets.load());
 
     std::map<NvDeviceId, NvDevice*> files;
     ASSERT_TRUE(openAndLoad(file, files));
+    EXPECT_EQ(NvDevice_packetCount(files.begin()->second), int64_t(written));
     EXPECT_GT(NvDevice_packetCount(files.begin()->second), 50);
     EXPECT_EQ(NvDevice_fileSkippedBytes(files.begin()->second), 0u);
 }
@@ -360,6 +392,49 @@ TEST_F(RecordingTest, SplitPartsOpenAloneAndTheFirstOpensThemAll)
     EXPECT_EQ(sum + int64_t(firstAlone.packetCount(0)), total);
 }
 
+// open() of a FIFO waits for a writer, forever: such files are refused unopened.
+TEST_F(RecordingTest, AFifoIsRefusedAtOnceAndDoesNotStopTheOpeningOfAFirstPart)
+{
+    const std::string fifo = dir + "/pipe.kvb";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    NvString name = fifo;
+    int opened = 1;
+    NvResultValue rc = NRV_OK;
+    ASSERT_TRUE(kvtest::returnsPromptly(
+        [&] {
+            opened = NvControl_openLogFile(control, &name);
+            rc = NvControl_lastResult(control);
+        },
+        fifo));
+    EXPECT_EQ(opened, 0);
+    EXPECT_EQ(rc, NRV_NOT_A_REGULAR_FILE);
+    EXPECT_EQ(NvControl_deviceCount(control), 0);
+
+    // A FIFO named like the second part of a recording.
+    const std::string first = dir + "/rec.kvb";
+    {
+        nda::LogWriter w;
+        ASSERT_EQ(w.create(first), NRV_OK);
+        const uint8_t bus = w.addDevice(nvEmulatedDeviceId("ahrs", 7), {});
+        for (uint16_t i = 0; i < 100; ++i) {
+            NvDataPacketBuilder b;
+            b.setPacketCounter(i);
+            w.append(bus, b.toMessage());
+        }
+        ASSERT_EQ(w.close(), NRV_OK);
+    }
+    const std::string second = dir + "/rec-002.kvb";
+    ASSERT_EQ(::mkfifo(second.c_str(), 0600), 0);
+    std::map<NvDeviceId, NvDevice*> files;
+    bool loaded = false;
+    ASSERT_TRUE(kvtest::returnsPromptly([&] { loaded = openAndLoad(first, files); }, second));
+    ASSERT_TRUE(loaded);
+    NvStringArray parts;
+    NvDevice_logFileParts(files.begin()->second, &parts);
+    EXPECT_EQ(parts, NvStringArray{first});
+    EXPECT_EQ(NvDevice_packetCount(files.begin()->second), 100);
+}
+
 TEST_F(RecordingTest, FilesThatAreNoRecordingsAreRefusedClearly)
 {
     const std::string text = dir + "/notes.txt";
@@ -370,5 +445,8 @@ TEST_F(RecordingTest, FilesThatAreNoRecordingsAreRefusedClearly)
     name = dir + "/missing.kvb";
     EXPECT_FALSE(NvControl_openLogFile(control, &name));
     EXPECT_EQ(NvControl_lastResult(control), NRV_FILE_NOT_FOUND);
+    name = dir;
+    EXPECT_FALSE(NvControl_openLogFile(control, &name));
+    EXPECT_EQ(NvControl_lastResult(control), NRV_NOT_A_REGULAR_FILE);
     EXPECT_EQ(NvControl_deviceCount(control), 0);
 }

@@ -97,6 +97,7 @@ TEST_F(WirelessTest, DockedAndWirelessTrackersBecomeDevicesBehindTheMaster)
     std::vector<KvwInfo> records;
     NvDevice_trackerInfos(master, &records);
     EXPECT_EQ(records.size(), 4u);
+    EXPECT_EQ(NvDevice_freeSlots(master), 7); // 100 Hz carries ten; the docked one needs none
 
     // Rates follow the master; one it does not offer is refused and the old one stays.
     NvIntArray rates;
@@ -107,6 +108,7 @@ TEST_F(WirelessTest, DockedAndWirelessTrackersBecomeDevicesBehindTheMaster)
     EXPECT_EQ(NvControl_lastResult(control), NRV_INVALID_PARAMETER);
     ASSERT_TRUE(NvDevice_setUpdateRate(master, 60));
     EXPECT_EQ(NvDevice_updateRate(master), 60);
+    EXPECT_EQ(NvDevice_freeSlots(master), 29);
 
     // Battery and signal arrive with the master's link reports.
     ASSERT_TRUE(waitUntil(
@@ -127,6 +129,7 @@ TEST_F(WirelessTest, DockedAndWirelessTrackersBecomeDevicesBehindTheMaster)
     ASSERT_TRUE(NvDevice_disableRadio(master));
     ASSERT_TRUE(waitUntil([&] { return countOf(NCS_DISCONNECTED) == 3; }, 10s));
     ASSERT_TRUE(waitUntil([&] { return NvControl_deviceCount(control) == 2; }));
+    EXPECT_EQ(NvDevice_freeSlots(master), 32); // each gave its slot back
     EXPECT_NE(tracker(0), nullptr);
     EXPECT_EQ(tracker(1), nullptr);
 

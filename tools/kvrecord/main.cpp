@@ -1,5 +1,6 @@
 // kvrecord: records every device it finds (or the ports it is given) to kvb files for a
-// while or until Ctrl-C, then tells per device what was written and what was missed.
+// while, until Ctrl-C or until no device records any more, then tells per device what
+// reached the file, what was lost on the way (a full disk) and what the device missed.
 
 #include "nivradeviceapi.h"
 
@@ -30,36 +31,35 @@ const char* const Usage =
     "\n"
     "Records devices to kvb files. Without --port every port is scanned (system serial\n"
     "ports, kvsim announcements, NV_EXTRA_PORTS). Without --duration it records until\n"
-    "Ctrl-C. With several devices each gets FILE_<device id>.kvb. Exit status 0 when every\n"
-    "device recorded without error, 1 otherwise, 2 for a wrong command line.\n";
+    "Ctrl-C; it ends early once no device records any more (unplugged, disk full). With\n"
+    "several devices each gets FILE_<device id>.kvb. Prints per device the packets written\n"
+    "to the file, those lost on the way, and those the device missed. Exit status 0 when\n"
+    "every device recorded without error, 1 otherwise, 2 for a wrong command line.\n";
 
 struct Count
 {
-    uint64_t written = 0;
     uint64_t missed = 0;
     uint64_t retransmitted = 0; // a master's trackers fill gaps after the recording
     bool failed = false;
     bool disconnected = false;
+    NvResultValue fileError = NRV_OK;
 };
 
-// Counts what each device delivers while it records.
+// Counts the gaps in what each device delivers while it records; what reached the file
+// the library counts.
 class Counter : public NvCallback
 {
 public:
     void onLiveDataAvailable(NvDevice* dev, const NvDataPacket*) override
     {
-        // Recording, and the retransmissions to a master's trackers after it (they are
-        // in configuration then); nothing else goes into the file.
-        const NvDeviceState s = NvDevice_deviceState(dev);
+        // The retransmissions to a master's trackers after the recording (they are in
+        // configuration then) fill gaps reported while it recorded.
         NvDevice* master = NvDevice_masterDevice(dev);
-        const bool retransmitted =
-            s == NDS_CONFIGURATION && master && NvDevice_deviceState(master) == NDS_FLUSHING;
-        if (s != NDS_RECORDING && !retransmitted)
+        if (NvDevice_deviceState(dev) != NDS_CONFIGURATION || !master ||
+            NvDevice_deviceState(master) != NDS_FLUSHING)
             return;
         std::lock_guard<std::mutex> lock(m_mutex);
-        Count& c = m_counts[idOf(dev)];
-        ++c.written;
-        c.retransmitted += s == NDS_CONFIGURATION;
+        ++m_counts[idOf(dev)].retransmitted;
     }
     void onMissedPackets(NvDevice* dev, int count, int, int) override
     {
@@ -76,6 +76,8 @@ public:
         Count& c = m_counts[idOf(dev)];
         c.failed = true;
         c.disconnected = c.disconnected || error == NRV_UNEXPECTED_DISCONNECT;
+        if (error == NRV_DISK_FULL || error == NRV_FILE_WRITE_ERROR)
+            c.fileError = error;
     }
     std::map<NvDeviceId, Count> counts()
     {
@@ -153,6 +155,9 @@ int main(int argc, char** argv)
         out = defaultOutput();
     std::signal(SIGINT, onSignal);
     std::signal(SIGTERM, onSignal);
+    // Under a file size limit (ulimit -f) a write then fails as on a full disk, and is
+    // reported, rather than killing the recorder.
+    std::signal(SIGXFSZ, SIG_IGN);
 
     NvControl* control = NvControl_construct();
     Counter counter;
@@ -203,9 +208,10 @@ int main(int argc, char** argv)
     if (waitForTrackers)
         std::this_thread::sleep_for(std::chrono::seconds(3));
 
-    std::map<NvDeviceId, std::string> files;
+    // Held to the end: an unplugged device still tells what reached its file.
+    std::map<NvDeviceId, std::pair<NvDeviceRef, std::string>> files;
     for (const NvDeviceId& id : ids) {
-        const NvDeviceRef dev = nvDeviceRef(control, id);
+        NvDeviceRef dev = nvDeviceRef(control, id);
         const std::string file = fileFor(out, id, ids.size() > 1);
         if (!NvDevice_createLogFile(dev, &file) || !NvDevice_startRecording(dev)) {
             std::fprintf(stderr, "kvrecord: %s: cannot record to %s: %s\n", id.toString().c_str(),
@@ -213,21 +219,29 @@ int main(int argc, char** argv)
             status = 1;
             continue;
         }
-        files[id] = file;
+        files.emplace(id, std::make_pair(std::move(dev), file));
         std::fprintf(stderr, "kvrecord: recording %s to %s\n", id.toString().c_str(), file.c_str());
     }
 
+    // Until the time is up, or no recording is left to wait for (devices unplugged, files
+    // that could not be written).
+    auto recording = [&files] {
+        for (const auto& entry : files)
+            if (NvDevice_isRecording(entry.second.first.get()))
+                return true;
+        return false;
+    };
     const auto start = std::chrono::steady_clock::now();
-    while (!g_stop && !files.empty()) {
+    while (!g_stop && recording()) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         if (duration > 0 &&
             std::chrono::steady_clock::now() - start >= std::chrono::duration<double>(duration))
             break;
     }
 
-    for (const auto& [id, file] : files) {
-        const NvDeviceRef dev = nvDeviceRef(control, id);
-        if (!dev)
+    for (const auto& [id, entry] : files) {
+        NvDevice* dev = entry.first.get();
+        if (NvDevice_deviceState(dev) == NDS_DESTRUCTING)
             continue; // unplugged: its file was closed when it went
         if (NvDevice_isRecording(dev) && !NvDevice_stopRecording(dev)) {
             std::fprintf(stderr, "kvrecord: %s: %s\n", id.toString().c_str(),
@@ -242,29 +256,39 @@ int main(int argc, char** argv)
     NvControl_close(control);
 
     const auto counts = counter.counts();
-    std::printf("%-18s %10s %10s  %s\n", "device", "written", "missed", "file");
-    for (const auto& [id, file] : files) {
+    std::printf("%-18s %10s %10s %10s  %s\n", "device", "written", "lost", "missed", "file");
+    for (const auto& [id, entry] : files) {
+        NvDevice* dev = entry.first.get();
         auto it = counts.find(id);
         Count c = it == counts.end() ? Count() : it->second;
-        // A master's own line carries its trackers' packets.
+        // A master's own line carries its trackers' packets (its file holds them).
         if (id.isWirelessMaster())
             for (const auto& [other, oc] : counts)
                 if (other.isWirelessTracker()) {
-                    c.written += oc.written;
                     c.missed += oc.missed;
                     c.retransmitted += oc.retransmitted;
                     c.failed = c.failed || oc.failed;
                 }
+        const uint64_t written = NvDevice_logPacketsWritten(dev);
+        const uint64_t lost = NvDevice_logPacketsLost(dev);
         const uint64_t missed = c.missed > c.retransmitted ? c.missed - c.retransmitted : 0;
-        std::printf("%-18s %10llu %10llu  %s%s\n", id.toString().c_str(),
-                    static_cast<unsigned long long>(c.written),
-                    static_cast<unsigned long long>(missed), file.c_str(),
-                    c.disconnected ? "  (disconnected)"
-                    : c.failed     ? "  (error)"
-                                   : "");
-        if (c.failed || c.written == 0)
+        const char* why = c.fileError == NRV_DISK_FULL          ? "disk full"
+                          : c.fileError == NRV_FILE_WRITE_ERROR ? "write error"
+                          : c.disconnected                      ? "disconnected"
+                          : c.failed                            ? "error"
+                                                                : nullptr;
+        std::printf("%-18s %10llu %10llu %10llu  %s%s%s%s\n", id.toString().c_str(),
+                    static_cast<unsigned long long>(written), static_cast<unsigned long long>(lost),
+                    static_cast<unsigned long long>(missed), entry.second.c_str(), why ? "  (" : "",
+                    why ? why : "", why ? ")" : "");
+        if (lost > 0)
+            std::fprintf(stderr, "kvrecord: %s: %llu packets written, %llu lost (%s)\n",
+                         id.toString().c_str(), static_cast<unsigned long long>(written),
+                         static_cast<unsigned long long>(lost), why ? why : "buffer full");
+        if (c.failed || lost > 0 || written == 0)
             status = 1;
     }
+    files.clear(); // the references go before the control
     NvControl_destruct(control);
     ndaTerminate();
     return status;

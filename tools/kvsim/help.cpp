@@ -1,10 +1,37 @@
 #include "options.h"
 
+#include <nvenums.h>
+
 namespace kvsim {
+
+namespace {
+
+// The rates as the emulator checks them, so that the help cannot promise another set.
+std::string rateList(const std::vector<uint16_t>& rates, const char* separator,
+                     const char* lastSeparator, uint16_t marked = 0)
+{
+    std::string text;
+    for (size_t i = 0; i < rates.size(); ++i) {
+        if (i > 0)
+            text += i + 1 == rates.size() ? lastSeparator : separator;
+        text += std::to_string(rates[i]);
+        if (rates[i] == marked)
+            text += " (default)";
+    }
+    return text;
+}
+
+const std::vector<uint16_t>& itemRates(Kind kind, uint16_t item)
+{
+    return kindInfo(kind).support(item)->rates;
+}
+
+} // namespace
 
 std::string helpText()
 {
-    return R"(Usage: kvsim --device KIND[:OPTIONS] [--device ...] [--seed N] [--truth FILE]
+    std::string text =
+        R"(Usage: kvsim --device KIND[:OPTIONS] [--device ...] [--seed N] [--truth FILE]
              [--drop P] [--corrupt P] [--disconnect-after S] [--quiet]
 
 Emulates motion trackers on pseudo-terminals. Each device gets its own port that speaks
@@ -41,8 +68,10 @@ Device options (after the colon, separated by commas):
   docked=K       (master) the first K trackers sit in the dock, connected from power-up
   reject=K       (master) the last K trackers are rejected (version mismatch) when they
                  call in, until the host accepts them
-  rate=R         (master) update rate at power-up: 40, 60, 80, 100 (default) or 120
-Without measure or wakeup a device starts in configuration mode and stays silent.
+)";
+    text += "  rate=R         (master) update rate at power-up: " +
+            rateList(masterRates(), ", ", " or ", masterFactoryRate) + "\n";
+    text += R"(Without measure or wakeup a device starts in configuration mode and stays silent.
 A master takes the tracker count first: --device master:6,docked=2,reject=1
 
 Output on standard output: one line per device, "PORT IDENTIFIER KIND", for example
@@ -56,18 +85,27 @@ Output items and rates (Hz; 65535 = with every packet, allowed for every item):
   all kinds      packet counter, sample time fine, status byte/word
   imu/ahrs/gnss  sample time coarse, UTC time, status: 1..2000 (divisors of 2000)
                  acceleration, rate of turn, delta q, delta v: 1..2000 (divisors of 2000)
-                 acceleration HR, rate of turn HR: 400, 500, 1000, 2000
-                 magnetic field, temperature: divisors of 2000 up to 100
+)";
+    text += "                 acceleration HR, rate of turn HR: " +
+            rateList(itemRates(Kind::Imu, NDI_ACCELERATION_HR), ", ", ", ") + "\n";
+    text += R"(                 magnetic field, temperature: divisors of 2000 up to 100
                  barometric pressure: divisors of 2000 up to 50
   ahrs/gnss      quaternion, rotation matrix, Euler angles, free acceleration: up to 400
   gnss           lat/lon, altitudes, ECEF position, velocity: up to 400
-                 GNSS PVT data, satellite info, PVT pulse: 1, 2, 4
-                 GNSS time of week: up to 2000; GNSS age: up to 400
+)";
+    text += "                 GNSS PVT data, satellite info, PVT pulse: " +
+            rateList(itemRates(Kind::Gnss, NDI_GNSS_PVT_DATA), ", ", ", ") + "\n";
+    text += R"(                 GNSS time of week: up to 2000; GNSS age: up to 400
   legacy         packet counter, sample time fine, status byte, quaternion, rotation
                  matrix, Euler angles, acceleration, rate of turn: divisors of 400;
                  temperature, magnetic field: divisors of 400 up to 100
-Divisors of 2000: 1 2 4 5 8 10 16 20 25 40 50 80 100 200 400 500 800 1000 2000.
-A packet goes out whenever an item is due; items at lower rates ride in every k-th
+)";
+    text +=
+        "Divisors of 2000: " + rateList(itemRates(Kind::Imu, NDI_ACCELERATION), " ", " ") + "\n";
+    text +=
+        "Divisors of 400: " + rateList(itemRates(Kind::Legacy, NDI_ACCELERATION), " ", " ") + "\n";
+    text += "\"up to N\": the divisors of 2000 up to N.\n";
+    text += R"(A packet goes out whenever an item is due; items at lower rates ride in every k-th
 packet. Real items take any precision (float32, fp12.20, fp16.32, float64) and frame
 (ENU, NED, NWU). An unsupported item or rate gives Error 33 and the old configuration
 stays. At most 32 items.
@@ -110,6 +148,7 @@ checksum. --disconnect-after closes the port as if the cable were pulled.
 
 More: docs/kvsim.md.
 )";
+    return text;
 }
 
 } // namespace kvsim

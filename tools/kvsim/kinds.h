@@ -75,6 +75,8 @@ bool parseKind(const std::string& name, Kind& kind);
 
 // Update rates a master offers to its trackers, fastest last.
 const std::vector<uint16_t>& masterRates();
+// A master's update rate at power-up and after RestoreFactoryDefaults (where offered).
+constexpr uint16_t masterFactoryRate = 100;
 
 // Option flag bits (Req/SetOptionFlags). The emulator records them; none changes the output.
 enum OptionFlag : uint32_t

@@ -17,7 +17,6 @@ constexpr int64_t kFlushPeriodNs = 2'000'000; // one retransmission batch per wa
 constexpr size_t kFlushBatch = 40;            // 20000 packets/s while the host keeps up
 constexpr uint32_t kFlushProgressStep = 100;
 constexpr size_t kMaxMissed = 100000; // per tracker; older ones are forgotten
-constexpr uint16_t kFactoryRate = 100;
 constexpr double kTwoPi = 6.283185307179586;
 
 // How many trackers the radio carries at a rate.
@@ -57,7 +56,7 @@ private:
 MasterDevice::MasterDevice(const DeviceSetup& setup, uint32_t index, uint64_t seed,
                            int64_t originNs, TruthWriter* truth)
     : m_master(setup, index, seed, originNs, truth), m_originNs(originNs),
-      m_defaultRate(setup.rate ? setup.rate : kFactoryRate), m_updateRate(m_defaultRate)
+      m_defaultRate(setup.rate ? setup.rate : masterFactoryRate), m_updateRate(m_defaultRate)
 {
     for (uint32_t slot = 0; slot < setup.trackers; ++slot) {
         DeviceSetup trackerSetup;
@@ -194,9 +193,10 @@ void MasterDevice::handleMasterFrame(const NvFrameView& frame, int64_t nowNs, Li
     case NvMid::RestoreFactoryDefaults:
         if (state == EmulatedDevice::State::Configuration) {
             const std::vector<uint16_t> offered = offeredRates();
-            m_updateRate = std::find(offered.begin(), offered.end(), kFactoryRate) != offered.end()
-                               ? kFactoryRate
-                               : offered.back();
+            m_updateRate =
+                std::find(offered.begin(), offered.end(), masterFactoryRate) != offered.end()
+                    ? masterFactoryRate
+                    : offered.back();
         }
         return m_master.handleMessage(frame, nowNs, link);
     default:

@@ -109,9 +109,13 @@ bool parseDevice(const std::string& text, DeviceSetup& setup, std::string& error
             const auto& rates = masterRates();
             if (!parseUnsigned(value, 2000, number) ||
                 std::find(rates.begin(), rates.end(), number) == rates.end()) {
-                error = "rate '" + value +
-                        "' is not an update rate of a master (40, 60, 80, "
-                        "100 or 120)";
+                std::string offered;
+                for (size_t i = 0; i < rates.size(); ++i)
+                    offered += (i == 0                  ? ""
+                                : i + 1 == rates.size() ? " or "
+                                                        : ", ") +
+                               std::to_string(rates[i]);
+                error = "rate '" + value + "' is not an update rate of a master (" + offered + ")";
                 return false;
             }
             setup.rate = static_cast<uint16_t>(number);

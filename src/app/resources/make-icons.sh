@@ -1,5 +1,6 @@
 #!/bin/sh
-# Regenerates the raster icons (PNG/ICO) from the SVG sources in svg/.
+# Regenerates the raster icons (PNG/ICO) from the SVG sources in svg/, and the
+# device tree's 16x16 family icons next to their SVGs in src/devicetree/resources/icons/.
 # Requires: rsvg-convert (Debian package librsvg2-bin) and ImageMagick 6
 # at /usr/bin/convert (used only to pack the multi-size .ico).
 # The action icons in svg/actions/ are used as SVG at runtime, straight from
@@ -45,4 +46,9 @@ for n in record recording1 recording2 recording3 recording4 recordingpause \
     render "svg/playbackToolbar/$n.svg" 32 "playbackToolbar/$n-32n.png"
 done
 
-echo "icons regenerated in $(pwd)"
+# Device tree: one icon per device family, and the firmware warning.
+for svg in ../../devicetree/resources/icons/*.svg; do
+    render "$svg" 16 "${svg%.svg}.png"
+done
+
+echo "icons regenerated in $(pwd) and ../../devicetree/resources/icons"
