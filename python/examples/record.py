@@ -111,7 +111,11 @@ def record(args, port_name, baud_rate):
                 print(f"  {time.monotonic() - started:5.1f} s: {count} packets{attitude}")
         device.go_to_config()
         size = os.path.getsize(args.out)
-        print(f"Wrote {args.out} ({size} bytes)")
+        lost = device.log_packets_lost
+        print(f"Wrote {args.out} ({size} bytes, {device.log_packets_written} packets"
+              + (f", {lost} lost: disk full?)" if lost else ")"))
+        if lost:
+            return False
 
     with nv.Control() as control:
         recorded = control.open_log_file(args.out)[0]

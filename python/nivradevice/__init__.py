@@ -616,6 +616,16 @@ class Device:
     def log_file_size(self) -> int:
         return library().NvDevice_logFileSize(self.handle)
 
+    @property
+    def log_packets_written(self) -> int:
+        """Data packets of the last recording that reached its file."""
+        return library().NvDevice_logPacketsWritten(self.handle)
+
+    @property
+    def log_packets_lost(self) -> int:
+        """Data packets of the last recording that never reached its file (disk full)."""
+        return library().NvDevice_logPacketsLost(self.handle)
+
     @contextmanager
     def recording(self, path: str):
         """Records to a new kvb file for the duration of the with block."""

@@ -150,6 +150,8 @@ _PROTOTYPES = {
     "NvDevice_stopRecording": (_i, [_p]),
     "NvDevice_closeLogFile": (_i, [_p]),
     "NvDevice_logFileSize": (_u64, [_p]),
+    "NvDevice_logPacketsWritten": (_u64, [_p]),
+    "NvDevice_logPacketsLost": (_u64, [_p]),
     "NvDevice_loadLogFile": (_i, [_p]),
     "NvDevice_loadLogFileAndWait": (_i, [_p, _u]),
     "NvDevice_isFileLoaded": (_i, [_p]),
