@@ -5,6 +5,7 @@
 // callback to its signal on the GUI thread.
 #include "kvsimharness.h"
 #include "ndacontrol.h"
+#include "richconfiguration.h"
 
 #include <QAbstractEventDispatcher>
 #include <QCoreApplication>
@@ -90,25 +91,6 @@ private:
     std::vector<NvDeviceId> m_ids;
     std::vector<std::unique_ptr<std::array<std::atomic<int64_t>, 65536>>> m_stamps;
 };
-
-// As bench_devicelib: everything at 2000 Hz where the item allows it.
-NvOutputConfigurationArray richConfiguration()
-{
-    return {{NDI_PACKET_COUNTER, NV_FREQUENCY_EVERY_PACKET},
-            {NDI_SAMPLE_TIME_FINE, NV_FREQUENCY_EVERY_PACKET},
-            {NDI_STATUS_WORD, NV_FREQUENCY_EVERY_PACKET},
-            {NDI_ACCELERATION_HR, 2000},
-            {NDI_RATE_OF_TURN_HR, 2000},
-            {NDI_DELTA_Q, 2000},
-            {NDI_DELTA_V, 2000},
-            {NDI_ACCELERATION, 2000},
-            {NDI_RATE_OF_TURN, 2000},
-            {NDI_QUATERNION, 400},
-            {NDI_FREE_ACCELERATION, 400},
-            {NDI_MAGNETIC_FIELD, 100},
-            {NDI_TEMPERATURE, 100},
-            {NDI_BARO_PRESSURE, 50}};
-}
 
 void measure(benchmark::State& state, int deviceCount)
 {

@@ -2,6 +2,7 @@
 // data packet, each value read, and the decode rate of real recordings of every kvsim kind
 // with every item it supports (BM_DecodeRecorded).
 
+#include "fulloutput.h"
 #include "kvsimharness.h"
 #include "nivradeviceapi.h"
 #include "nvdatapacket.h"
@@ -171,41 +172,6 @@ BENCHMARK(BM_EncodeTenItems);
 
 // ---- Recordings --------------------------------------------------------------------
 
-// Every quantity a device may offer; each device gets those it supports.
-constexpr NvDataIdentifier AllQuantities[] = {
-    NDI_PACKET_COUNTER,  NDI_SAMPLE_TIME_FINE, NDI_SAMPLE_TIME_COARSE, NDI_UTC_TIME,
-    NDI_STATUS_BYTE,     NDI_STATUS_WORD,      NDI_TIME_OF_WEEK,       NDI_GNSS_AGE,
-    NDI_FRAME_RANGE,     NDI_QUATERNION,       NDI_ROTATION_MATRIX,    NDI_EULER_ANGLES,
-    NDI_BARO_PRESSURE,   NDI_DELTA_V,          NDI_ACCELERATION,       NDI_FREE_ACCELERATION,
-    NDI_ACCELERATION_HR, NDI_ALTITUDE_MSL,     NDI_ALTITUDE_ELLIPSOID, NDI_POSITION_ECEF,
-    NDI_LAT_LON,         NDI_GNSS_PVT_DATA,    NDI_GNSS_SAT_INFO,      NDI_GNSS_PVT_PULSE,
-    NDI_RATE_OF_TURN,    NDI_DELTA_Q,          NDI_RATE_OF_TURN_HR,    NDI_ANALOG_IN_1,
-    NDI_ANALOG_IN_2,     NDI_MAGNETIC_FIELD,   NDI_VELOCITY,           NDI_RSSI,
-    NDI_TEMPERATURE};
-
-// Every supported item at its highest rate. Positions in float64; the other reals take
-// float32, fixed 12.20 and fixed 16.32 in turn, so that every decoder runs.
-NvOutputConfigurationArray fullConfiguration(NvDevice* dev)
-{
-    NvOutputConfigurationArray config;
-    int real = 0;
-    for (NvDataIdentifier q : AllQuantities) {
-        NvIntArray rates;
-        NvDevice_supportedUpdateRates(dev, q, &rates);
-        if (rates.empty())
-            continue;
-        NvDataIdentifier id = q;
-        if (q == NDI_POSITION_ECEF || q == NDI_LAT_LON || q == NDI_ALTITUDE_MSL ||
-            q == NDI_ALTITUDE_ELLIPSOID)
-            id = nvWithPrecision(q, NDP_FLOAT64);
-        else if (nvIsRealQuantity(q))
-            id = nvWithPrecision(q, NvPrecision(real++ % 3));
-        const int rate = *std::max_element(rates.begin(), rates.end());
-        config.push_back({id, uint16_t(rate)});
-    }
-    return config;
-}
-
 struct Recording
 {
     std::string kind;
@@ -284,21 +250,9 @@ std::vector<Recording> makeRecordings()
                 if (NvDevice* tracker = NvControl_device(control, &t))
                     configured.push_back(tracker);
         }
-        for (NvDevice* d : configured) {
-            NvOutputConfigurationArray config = fullConfiguration(d);
-            if (NvDevice_setOutputConfiguration(d, &config))
-                continue;
-            // The rate table may offer an item the device refuses (a wireless tracker's
-            // HR items): keep what it takes, one item at a time.
-            NvOutputConfigurationArray taken;
-            for (const NvOutputConfiguration& item : config) {
-                taken.push_back(item);
-                if (!NvDevice_setOutputConfiguration(d, &taken))
-                    taken.pop_back();
-            }
-            if (taken.empty() || !NvDevice_setOutputConfiguration(d, &taken))
+        for (NvDevice* d : configured)
+            if (ndatest::configureFullOutput(d) == 0)
                 error = port.kind + " configuration: " + NvControl_lastResultText(control);
-        }
     }
     for (size_t k = 0; error.empty() && k < mains.size(); ++k) {
         const NvString file = dir + "/" + std::to_string(k) + ".kvb";

@@ -2,6 +2,7 @@
 // packets per second through the callback and the library process's CPU time.
 #include "kvsimharness.h"
 #include "nivradeviceapi.h"
+#include "richconfiguration.h"
 
 #include <benchmark/benchmark.h>
 
@@ -32,25 +33,6 @@ double cpuSeconds()
     getrusage(RUSAGE_SELF, &usage); // this process only: kvsim is a child
     auto seconds = [](const timeval& tv) { return double(tv.tv_sec) + tv.tv_usec / 1e6; };
     return seconds(usage.ru_utime) + seconds(usage.ru_stime);
-}
-
-// Everything at 2000 Hz where the item allows it, the rest at its highest rate.
-NvOutputConfigurationArray richConfiguration()
-{
-    return {{NDI_PACKET_COUNTER, NV_FREQUENCY_EVERY_PACKET},
-            {NDI_SAMPLE_TIME_FINE, NV_FREQUENCY_EVERY_PACKET},
-            {NDI_STATUS_WORD, NV_FREQUENCY_EVERY_PACKET},
-            {NDI_ACCELERATION_HR, 2000},
-            {NDI_RATE_OF_TURN_HR, 2000},
-            {NDI_DELTA_Q, 2000},
-            {NDI_DELTA_V, 2000},
-            {NDI_ACCELERATION, 2000},
-            {NDI_RATE_OF_TURN, 2000},
-            {NDI_QUATERNION, 400},
-            {NDI_FREE_ACCELERATION, 400},
-            {NDI_MAGNETIC_FIELD, 100},
-            {NDI_TEMPERATURE, 100},
-            {NDI_BARO_PRESSURE, 50}};
 }
 
 void measure(benchmark::State& state, int deviceCount)

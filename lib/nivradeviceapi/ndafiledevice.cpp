@@ -194,25 +194,11 @@ bool NvControl::openFile(const NvString& path)
         return fail(rc);
     constexpr size_t HeadBytes = size_t(4) << 20;
     std::vector<uint8_t> head(size_t(std::min<uint64_t>(probe.fileSize(), HeadBytes)));
-    {
-        int fd = -1;
-        uint64_t size = 0;
-        rc = nda::openRegularFile(path, &fd, &size);
-        if (rc != NRV_OK)
-            return fail(rc);
-        size_t got = 0;
-        while (got < head.size()) {
-            const ssize_t n = ::pread(fd, head.data() + got, head.size() - got, off_t(got));
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n <= 0)
-                break;
-            got += size_t(n);
-        }
-        ::close(fd);
-        if (got < head.size())
-            return fail(NRV_FILE_READ_ERROR);
-    }
+    const long long got = nda::readFileHead(path, head.data(), head.size(), &rc);
+    if (got < 0)
+        return fail(rc);
+    if (size_t(got) < head.size())
+        return fail(NRV_FILE_READ_ERROR);
     nda::LogReader headReader;
     rc = headReader.openMemory(head.data(), head.size());
     if (rc == NRV_OK)

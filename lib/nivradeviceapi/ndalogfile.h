@@ -165,6 +165,9 @@ private:
 // (close it) and the file's size; NRV_FILE_NOT_FOUND, NRV_NOT_A_REGULAR_FILE,
 // NRV_FILE_READ_ERROR.
 NvResultValue openRegularFile(const std::string& path, int* fd, uint64_t* size);
+// Reads up to `size` bytes from the start of the regular file `path` into `out`; the
+// count read (less at the end of the file), or -1 with the reason in `rc`.
+long long readFileHead(const std::string& path, void* out, size_t size, NvResultValue* rc);
 
 // Reads a kvb, bin or nm file. open() only identifies the file; load() indexes it (on a
 // loader thread). The accessors are for after load() and may then be used from any

@@ -208,6 +208,35 @@ bool parseCoordinate(const Field& value, const Field& hemisphere, double& out)
 
 } // namespace
 
+namespace {
+// What pread gives from the start of `fd`, up to `size` bytes (less at the end or an error).
+size_t readAt(int fd, void* out, size_t size)
+{
+    size_t got = 0;
+    while (got < size) {
+        const ssize_t n = ::pread(fd, static_cast<uint8_t*>(out) + got, size - got, off_t(got));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;
+        got += size_t(n);
+    }
+    return got;
+}
+} // namespace
+
+long long readFileHead(const std::string& path, void* out, size_t size, NvResultValue* rc)
+{
+    int fd = -1;
+    uint64_t fileSize = 0;
+    *rc = openRegularFile(path, &fd, &fileSize);
+    if (*rc != NRV_OK)
+        return -1;
+    const size_t got = readAt(fd, out, size);
+    ::close(fd);
+    return (long long)got;
+}
+
 NvResultValue openRegularFile(const std::string& path, int* fd, uint64_t* size)
 {
     *fd = -1;
@@ -451,16 +480,7 @@ NvResultValue LogReader::open(const std::string& path)
     if (rc != NRV_OK)
         return rc;
     uint8_t head[SniffBytes];
-    size_t got = 0;
-    const size_t want = size_t(std::min<uint64_t>(SniffBytes, size));
-    while (got < want) {
-        const ssize_t n = ::pread(fd, head + got, want - got, off_t(got));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            break;
-        got += size_t(n);
-    }
+    const size_t got = readAt(fd, head, size_t(std::min<uint64_t>(SniffBytes, size)));
     ::close(fd);
     return sniff(head, got, size);
 }

@@ -361,7 +361,7 @@ private:
     QList<QSharedPointer<NdaDeviceDestroyedCallback>> m_destroyedCallbacks;
 
     std::shared_ptr<BatchFlusher> m_flusher; // shared by every bridge of the process
-    std::shared_ptr<PacketBatch> m_batch;    // this bridge's packets not yet posted
+    std::shared_ptr<PacketBatch> m_batch;    // this bridge's packets waiting to be posted
     // GUI thread only
     const std::vector<NvDataPacket>* m_emitting = nullptr;
     size_t m_emitNext = 0;

@@ -3,46 +3,11 @@
 // agree for every kvsim kind with every item it supports, also when the device is
 // reconfigured mid-stream; the copies stay whole after the port and its buffer are gone.
 #include "controltest.h"
+#include "fulloutput.h"
 
 #include <memory>
 
 namespace {
-
-constexpr NvDataIdentifier AllQuantities[] = {
-    NDI_PACKET_COUNTER, NDI_SAMPLE_TIME_FINE,   NDI_SAMPLE_TIME_COARSE, NDI_UTC_TIME,
-    NDI_STATUS_BYTE,    NDI_STATUS_WORD,        NDI_TIME_OF_WEEK,       NDI_GNSS_AGE,
-    NDI_QUATERNION,     NDI_ROTATION_MATRIX,    NDI_EULER_ANGLES,       NDI_BARO_PRESSURE,
-    NDI_DELTA_V,        NDI_ACCELERATION,       NDI_FREE_ACCELERATION,  NDI_ACCELERATION_HR,
-    NDI_ALTITUDE_MSL,   NDI_ALTITUDE_ELLIPSOID, NDI_POSITION_ECEF,      NDI_LAT_LON,
-    NDI_GNSS_PVT_DATA,  NDI_GNSS_SAT_INFO,      NDI_GNSS_PVT_PULSE,     NDI_RATE_OF_TURN,
-    NDI_DELTA_Q,        NDI_RATE_OF_TURN_HR,    NDI_MAGNETIC_FIELD,     NDI_VELOCITY,
-    NDI_TEMPERATURE};
-
-// Every item the device takes, at its highest rate, the reals in every precision in turn.
-bool configureEverything(NvDevice* dev)
-{
-    NvOutputConfigurationArray all;
-    int real = 0;
-    for (NvDataIdentifier q : AllQuantities) {
-        NvIntArray rates;
-        NvDevice_supportedUpdateRates(dev, q, &rates);
-        if (rates.empty())
-            continue;
-        const NvDataIdentifier id =
-            nvIsRealQuantity(q) ? nvWithPrecision(q, NvPrecision(real++ % 4)) : q;
-        all.push_back({id, uint16_t(*std::max_element(rates.begin(), rates.end()))});
-    }
-    if (NvDevice_setOutputConfiguration(dev, &all))
-        return true;
-    // A wireless tracker refuses some items the rate table offers: keep what it takes.
-    NvOutputConfigurationArray taken;
-    for (const NvOutputConfiguration& item : all) {
-        taken.push_back(item);
-        if (!NvDevice_setOutputConfiguration(dev, &taken))
-            taken.pop_back();
-    }
-    return taken.size() > 6 && NvDevice_setOutputConfiguration(dev, &taken);
-}
 
 // Everything a packet answers, as numbers.
 std::vector<double> everything(const NvDataPacket& p)
@@ -161,7 +126,7 @@ TEST_F(PacketViewTest, LivePacketsReadInPlaceAgreeWithTheirCopiesForEveryKindAnd
     measure(20, 0ms);
     std::map<NvDevice*, std::set<NvDataIdentifier>> configured;
     for (NvDevice* dev : sources) {
-        ASSERT_TRUE(configureEverything(dev)) << NvControl_lastResultText(control);
+        ASSERT_GT(ndatest::configureFullOutput(dev), 6u) << NvControl_lastResultText(control);
         NvOutputConfigurationArray applied;
         NvDevice_outputConfiguration(dev, &applied);
         for (const NvOutputConfiguration& item : applied)
