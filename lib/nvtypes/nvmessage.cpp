@@ -135,6 +135,8 @@ constexpr MidName kMidNames[] = {
     {NvMid::AvailableFilterProfiles, "AvailableFilterProfiles"},
     {NvMid::ReqFilterProfile, "ReqFilterProfile"},
     {NvMid::FilterProfile, "FilterProfile"},
+    {NvMid::ReqGnssLeverArm, "ReqGnssLeverArm"},
+    {NvMid::GnssLeverArm, "GnssLeverArm"},
     {NvMid::ReqGnssPlatform, "ReqGnssPlatform"},
     {NvMid::GnssPlatform, "GnssPlatform"},
     {NvMid::ReqLocationId, "ReqLocationId"},

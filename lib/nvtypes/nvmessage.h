@@ -64,6 +64,9 @@ enum : uint8_t
     ReqFilterProfile = 0x64,        // type (2): set
     SetFilterProfile = 0x64,
     FilterProfile = 0x65,
+    ReqGnssLeverArm = 0x68, // x, y, z float32 m (12): set
+    SetGnssLeverArm = 0x68,
+    GnssLeverArm = 0x69,
     ReqGnssPlatform = 0x76, // platform (2): set
     SetGnssPlatform = 0x76,
     GnssPlatform = 0x77,

@@ -1,13 +1,17 @@
 #include "kvmanager.h"
 
 #include "animatedicon.h"
+#include "deviceitem.h"
 #include "devicelist.h"
 #include "devicemodel.h"
+#include "dialogmanagers.h"
 #include "hardwarescanner.h"
 #include "journaller.h"
 #include "kvmanagerhelpers.h"
+#include "kvsettingsdialog.h"
 #include "messagewindow.h"
 #include "nivradeviceapi.h"
+#include "plotmanager.h"
 #include "pluginmanager.h"
 #include "settingssynchronizer.h"
 
@@ -106,6 +110,9 @@ void KvManager::construct()
     constructDeviceController();
     constructDeviceModel();
     constructDeviceList();
+    constructViewManager();
+    constructDialogManagers();
+    constructPlotManager();
     constructHardwareScanner();
     constructRecentFileMenu();
     constructMessageWindow();
@@ -130,6 +137,9 @@ void KvManager::destruct()
     destructMessageWindow();
     destructRecentFileMenu();
     destructHardwareScanner();
+    destructPlotManager();
+    destructDialogManagers();
+    destructViewManager();
     destructDeviceList();
     destructDeviceModel();
     destructDeviceController();
@@ -662,10 +672,259 @@ void KvManager::reloadDeviceList()
 
 void KvManager::handleDeviceSelectionChanged(const std::vector<NvDeviceId>& selection)
 {
+    const std::vector<NvDeviceId> previous(m_selectedDevices.begin(), m_selectedDevices.end());
     m_selectedDevices.assign(selection.begin(), selection.end());
     const bool any = !m_ndaControl->mainDeviceIds().empty();
     m_ui.actionMeasure->setEnabled(any);
     m_ui.actionConfigMode->setEnabled(any);
+    m_ui.actionDeviceSettings->setEnabled(!m_selectedDevices.empty());
+    updateViewsForSelection(previous);
+}
+
+// ---- device settings ---------------------------------------------------------------------
+
+void KvManager::constructDialogManagers()
+{
+    m_deviceDialogManager = new DeviceDialogManager(*m_ndaControl, this);
+    m_settingsDialogManager = new KvSettingsDialogManager(*m_ndaControl, this);
+    KvSettingsDialogManager* m = m_settingsDialogManager;
+    connect(m, &KvSettingsDialogManager::configurationSaved, this,
+            &KvManager::handleKvSettingsConfigurationChanged);
+    connect(m, &KvSettingsDialogManager::deviceChanged, this,
+            &KvManager::handleKvSettingsConfigurationChanged);
+    connect(m, &KvSettingsDialogManager::onboardScenariosChanged, this,
+            &KvManager::handleOnboardScenariosChanged);
+    connect(m, &KvSettingsDialogManager::filterOptionsShortcutTriggered, this,
+            &KvManager::handleFilterOptionsShortcutTriggered);
+    connect(m, &KvSettingsDialogManager::filterChanged, this, &KvManager::handleFilterChanged);
+}
+
+void KvManager::destructDialogManagers()
+{
+    delete m_settingsDialogManager;
+    m_settingsDialogManager = nullptr;
+    delete m_deviceDialogManager;
+    m_deviceDialogManager = nullptr;
+}
+
+void KvManager::openDeviceSettings()
+{
+    if (!m_selectedDevices.empty())
+        openDeviceSettings(m_selectedDevices.front());
+}
+
+void KvManager::openDeviceSettings(const NvDeviceId& id)
+{
+    if (id.isEmpty() || !m_ndaControl->isValidExistingDevice(id))
+        return;
+    m_settingsDialogManager->createDialog(id, this);
+}
+
+void KvManager::handleKvSettingsConfigurationChanged(const NvDeviceId& id)
+{
+    QCoreApplication::postEvent(this, new ConfigurationChangedEvent(id));
+}
+
+void KvManager::handleOnboardScenariosChanged(const NvDeviceId& id)
+{
+    journal(JLL_DEBUG, QStringLiteral("Filter profiles changed for %1")
+                           .arg(QString::fromStdString(id.toString())));
+}
+
+void KvManager::handleFilterOptionsShortcutTriggered(const NvDeviceId& id)
+{
+    openDeviceSettings(id);
+}
+
+void KvManager::handleFilterChanged(const NvDeviceId& id)
+{
+    addMessageToMessageWindow(
+        tr("Device %1: filter profile changed.").arg(QString::fromStdString(id.toString())));
+}
+
+// ---- data views --------------------------------------------------------------------------
+
+void KvManager::constructViewManager()
+{
+    m_viewManager = new ViewManager(*m_ndaControl, *m_ui.mdiArea, this);
+    registerViewPermissions();
+    QSettings settings;
+    m_viewManager->setAutoTile(settings.value(QStringLiteral("autoTileViews"), true).toBool());
+    // Inertial data and orientation unless the user chose otherwise before.
+    const QVariantList wanted =
+        settings.value(QStringLiteral("openViewTypes"), QVariantList{InertialView, ThreeDView})
+            .toList();
+    for (const QVariant& v : wanted)
+        if (isValidViewType(v.toInt()))
+            m_wantedViewTypes.insert(static_cast<ViewType>(v.toInt()));
+
+    ViewManager* vm = m_viewManager;
+    connect(vm, &ViewManager::viewTypeCountChanged, this, &KvManager::handleViewTypeCountChanged);
+    connect(vm, &ViewManager::viewTypeToggled, this, &KvManager::handleViewTypeToggled);
+    connect(vm, &ViewManager::beforeConstructingView, this,
+            &KvManager::handleBeforeConstructingView);
+    connect(vm, &ViewManager::afterConstructingView, this, &KvManager::handleAfterConstructingView);
+    connect(vm, &ViewManager::beforeOpeningView, this, &KvManager::handleBeforeOpeningView);
+    connect(vm, &ViewManager::afterOpeningView, this, &KvManager::handleAfterOpeningView);
+    connect(
+        vm,
+        qOverload<ViewManager::ViewOperation::Type, ViewType>(&ViewManager::viewOperationStarted),
+        this, &KvManager::handleViewOperationStarted);
+    connect(
+        vm,
+        qOverload<ViewManager::ViewOperation::Type, ViewType>(&ViewManager::viewOperationCompleted),
+        this, &KvManager::handleViewOperationCompleted);
+    connect(vm, &ViewManager::viewClosedByUser, this, &KvManager::handleViewClosedByUser);
+
+    for (int i = 0; i < KvManagerUi::viewTypeCount; ++i) {
+        QAction* action = m_ui.viewActions[i];
+        {
+            QSignalBlocker blocker(action);
+            action->setChecked(m_wantedViewTypes.count(static_cast<ViewType>(i)) != 0);
+        }
+        connect(action, &QAction::triggered, this,
+                [this, i](bool on) { toggleViewType(static_cast<ViewType>(i), on); });
+    }
+    updateViewActions();
+}
+
+void KvManager::destructViewManager()
+{
+    delete m_viewManager;
+    m_viewManager = nullptr;
+}
+
+void KvManager::registerViewPermissions()
+{
+    // Containers (masters, sync stations) carry no data of their own; GNSS-only views need
+    // a receiver. The device library tells both from the identifier.
+    const auto notContainer = [](const NvDeviceId& id) { return !id.isContainer(); };
+    for (ViewType type : {ThreeDView, InertialView, OrientationView, StatusView, PressureView,
+                          TemperatureView, FreeAccelerationView})
+        m_viewManager->allowView(type, notContainer);
+    for (ViewType type :
+         {PositionView, AltitudeView, VelocityView, GnssSatInfoView, UtcDateTimeView})
+        m_viewManager->allowView(type, &NvDeviceId::isGnss);
+    m_viewManager->allowView(NdaMessageView);
+    m_viewManager->allowView(DeviceMessageView);
+}
+
+void KvManager::constructPlotManager()
+{
+    m_plotManager = new PlotManager(this);
+    m_viewManager->setPlotManager(m_plotManager);
+}
+
+void KvManager::destructPlotManager()
+{
+    if (m_viewManager)
+        m_viewManager->setPlotManager(nullptr);
+    delete m_plotManager;
+    m_plotManager = nullptr;
+}
+
+void KvManager::updateViewsForSelection(const std::vector<NvDeviceId>& previous)
+{
+    if (!m_viewManager)
+        return;
+    const std::vector<NvDeviceId> now(m_selectedDevices.begin(), m_selectedDevices.end());
+    m_viewManager->setDevices(now);
+    const std::set<NvDeviceId> nowSet(now.begin(), now.end());
+    for (ViewType type : m_wantedViewTypes) {
+        for (const NvDeviceId& id : previous)
+            if (!nowSet.count(id))
+                m_viewManager->closeViews(type, id);
+    }
+    // Spread the opening over several passes so the window stays responsive when many
+    // devices are selected at once.
+    unsigned delay = 0;
+    for (const NvDeviceId& id : now)
+        for (ViewType type : m_wantedViewTypes)
+            if (m_viewManager->viewCountInfo(type, id) == 0 && m_viewManager->viewAllowed(id, type))
+                m_viewManager->openViewsLater(type, id, delay++);
+    updateViewActions();
+}
+
+void KvManager::updateViewActions()
+{
+    std::vector<NvDeviceId> ids =
+        m_viewManager ? m_viewManager->devices() : std::vector<NvDeviceId>();
+    for (int i = 0; i < KvManagerUi::viewTypeCount; ++i) {
+        const auto type = static_cast<ViewType>(i);
+        const bool allowed = std::any_of(ids.begin(), ids.end(), [&](const NvDeviceId& id) {
+            return m_viewManager->viewAllowed(id, type);
+        });
+        m_ui.viewActions[i]->setEnabled(allowed);
+    }
+}
+
+void KvManager::saveWantedViewTypes() const
+{
+    QVariantList list;
+    for (ViewType type : m_wantedViewTypes)
+        list.append(static_cast<int>(type));
+    QSettings().setValue(QStringLiteral("openViewTypes"), list);
+}
+
+void KvManager::toggleViewType(ViewType type, bool on)
+{
+    if (on)
+        m_wantedViewTypes.insert(type);
+    else
+        m_wantedViewTypes.erase(type);
+    saveWantedViewTypes();
+    m_viewManager->toggleViews(type, on);
+}
+
+void KvManager::handleViewTypeCountChanged(ViewType type, unsigned oldCount, unsigned newCount)
+{
+    journal(
+        JLL_TRACE,
+        QStringLiteral("%1 views: %2 -> %3").arg(viewTypeName(type)).arg(oldCount).arg(newCount));
+}
+
+void KvManager::handleViewTypeToggled(ViewType type, bool on, const ViewManager::ViewerList&)
+{
+    QAction* action = m_ui.viewActions[type];
+    QSignalBlocker blocker(action);
+    action->setChecked(on);
+}
+
+void KvManager::handleBeforeConstructingView(ViewType type, const NvDeviceId& id)
+{
+    statusBar()->showMessage(
+        tr("Opening %1 for %2...").arg(viewTypeName(type), QString::fromStdString(id.toString())));
+}
+
+void KvManager::handleAfterConstructingView(ViewType, const NvDeviceId&) {}
+
+void KvManager::handleBeforeOpeningView(ViewType, const NvDeviceId&) {}
+
+void KvManager::handleAfterOpeningView(ViewType, const NvDeviceId&)
+{
+    statusBar()->clearMessage();
+}
+
+void KvManager::handleViewOperationStarted(ViewManager::ViewOperation::Type, ViewType type)
+{
+    // No second toggle of a kind while its views are still opening or closing.
+    m_ui.viewActions[type]->setEnabled(false);
+}
+
+void KvManager::handleViewOperationCompleted(ViewManager::ViewOperation::Type, ViewType)
+{
+    updateViewActions();
+}
+
+void KvManager::handleViewClosedByUser(ViewType type, const NvDeviceId&)
+{
+    // The last view of a kind closed by hand: the user no longer wants that kind.
+    if (m_viewManager->viewCountInfo(type) > 1)
+        return;
+    m_wantedViewTypes.erase(type);
+    saveWantedViewTypes();
+    QSignalBlocker blocker(m_ui.viewActions[type]);
+    m_ui.viewActions[type]->setChecked(false);
 }
 
 void KvManager::startMeasurement()
@@ -737,7 +996,12 @@ void KvManager::connectUi()
     connect(m_ui.actionScanPort, &QAction::triggered, this, &KvManager::doScanPort);
     connect(m_ui.actionMeasure, &QAction::triggered, this, &KvManager::startMeasurement);
     connect(m_ui.actionConfigMode, &QAction::triggered, this, &KvManager::stopMeasurement);
-    connect(m_ui.actionTileViews, &QAction::triggered, m_ui.mdiArea, &QMdiArea::tileSubWindows);
+    connect(m_ui.actionDeviceSettings, &QAction::triggered, this,
+            qOverload<>(&KvManager::openDeviceSettings));
+    connect(
+        m_deviceList->view(), &QAbstractItemView::doubleClicked, this,
+        [this](const QModelIndex& index) { openDeviceSettings(m_deviceModel->deviceId(index)); });
+    connect(m_ui.actionTileViews, &QAction::triggered, m_viewManager, &ViewManager::autoTileViews);
     connect(m_ui.actionDeviceList, &QAction::toggled, m_deviceListDock, &QWidget::setVisible);
     connect(m_ui.actionMessageWindow, &QAction::toggled, m_messageWindowDock, &QWidget::setVisible);
     connect(m_ui.actionScanLog, &QAction::toggled, m_scanLogWindowDock, &QWidget::setVisible);
@@ -1027,6 +1291,9 @@ bool KvManager::event(QEvent* event)
         auto* changed = static_cast<ConfigurationChangedEvent*>(event);
         journal(JLL_DEBUG, QStringLiteral("Configuration changed for %1")
                                .arg(QString::fromStdString(changed->deviceId().toString())));
+        // The tree shows the device's facts and output configuration.
+        if (DeviceItem* item = m_deviceModel->deviceItem(changed->deviceId()))
+            item->refresh();
         return true;
     }
     if (type == OpenFileFailedEvent::eventType) {
@@ -1050,7 +1317,7 @@ bool KvManager::event(QEvent* event)
 void KvManager::closeEvent(QCloseEvent* event)
 {
     QApplication::setOverrideCursor(Qt::WaitCursor);
-    m_ui.mdiArea->closeAllSubWindows();
+    m_viewManager->clearViews();
     m_ndaControl->abortScanForHardware();
     m_ndaControl->close();
     saveWindowSettings();

@@ -5,12 +5,14 @@
 #include "ndacontrol.h"
 #include "nvdeviceid.h"
 #include "periphery.h"
+#include "viewmanager.h"
 
 #include <QEvent>
 #include <QIODevice>
 #include <QMainWindow>
 #include <QStringList>
 
+#include <set>
 #include <utility>
 
 class AnimatedIcon;
@@ -20,6 +22,10 @@ class HardwareScanner;
 class KvmFilterOptionsCallback;
 class MessageWindow;
 class PluginManager;
+class PlotManager;
+class DeviceDialogManager;
+class KvSettingsDialogManager;
+class ViewManager;
 class QDockWidget;
 class QLabel;
 class QMimeData;
@@ -132,6 +138,11 @@ public:
     HardwareScanner* hardwareScanner() const { return m_hardwareScanner; }
     DeviceModel* deviceModel() const { return m_deviceModel; }
     DeviceList* deviceList() const { return m_deviceList; }
+    ViewManager* viewManager() const { return m_viewManager; }
+    PlotManager* plotManager() const { return m_plotManager; }
+    KvSettingsDialogManager* settingsDialogManager() const { return m_settingsDialogManager; }
+    // The kinds of view the user wants for the selected devices (the checked toggles).
+    const std::set<ViewType>& wantedViewTypes() const { return m_wantedViewTypes; }
     // The devices the user selected in the device list.
     const NvDeviceIdArray& selectedDevices() const { return m_selectedDevices; }
     // The status bar's summary of the open devices and their links.
@@ -180,6 +191,26 @@ public slots:
     // A master's radio went off: its port is scanned again.
     void handleWirelessRadioOff();
     void handleFileClosed(const NvDeviceId& id);
+
+    // View manager notifications.
+    void handleViewTypeCountChanged(ViewType type, unsigned oldCount, unsigned newCount);
+    void handleViewTypeToggled(ViewType type, bool on, const ViewManager::ViewerList& viewers);
+    void handleBeforeConstructingView(ViewType type, const NvDeviceId& id);
+    void handleAfterConstructingView(ViewType type, const NvDeviceId& id);
+    void handleBeforeOpeningView(ViewType type, const NvDeviceId& id);
+    void handleAfterOpeningView(ViewType type, const NvDeviceId& id);
+    void handleViewOperationStarted(ViewManager::ViewOperation::Type op, ViewType type);
+    void handleViewOperationCompleted(ViewManager::ViewOperation::Type op, ViewType type);
+    void handleViewClosedByUser(ViewType type, const NvDeviceId& id);
+    // A view toggle of the View menu or tool bar.
+    void toggleViewType(ViewType type, bool on);
+    // The settings dialog of the selected device (the first of several).
+    void openDeviceSettings();
+    void openDeviceSettings(const NvDeviceId& id);
+    void handleKvSettingsConfigurationChanged(const NvDeviceId& id);
+    void handleOnboardScenariosChanged(const NvDeviceId& id);
+    void handleFilterOptionsShortcutTriggered(const NvDeviceId& id);
+    void handleFilterChanged(const NvDeviceId& id);
 
     // Periodic requests: battery levels of wireless trackers (500 ms), GNSS status (2 s).
     void startSendingBatteryRequests();
@@ -232,6 +263,18 @@ private:
     void constructDeviceList();
     void destructDeviceList();
     void reloadDeviceList();
+    void constructViewManager();
+    void destructViewManager();
+    // Which device may show which view: the registration of the view types.
+    void registerViewPermissions();
+    void constructDialogManagers();
+    void destructDialogManagers();
+    void constructPlotManager();
+    void destructPlotManager();
+    // Views follow the selection: wanted kinds open for new devices, close for old ones.
+    void updateViewsForSelection(const std::vector<NvDeviceId>& previous);
+    void updateViewActions();
+    void saveWantedViewTypes() const;
     void constructRecentFileMenu();
     void destructRecentFileMenu();
     void constructMessageWindow();
@@ -275,6 +318,11 @@ private:
     DeviceModel* m_deviceModel = nullptr;
     DeviceList* m_deviceList = nullptr;
     NvDeviceIdArray m_selectedDevices;
+    ViewManager* m_viewManager = nullptr;
+    PlotManager* m_plotManager = nullptr;
+    std::set<ViewType> m_wantedViewTypes;
+    DeviceDialogManager* m_deviceDialogManager = nullptr;
+    KvSettingsDialogManager* m_settingsDialogManager = nullptr;
     QDockWidget* m_messageWindowDock = nullptr;
     MessageWindow* m_messageWindow = nullptr;
     QDockWidget* m_scanLogWindowDock = nullptr;

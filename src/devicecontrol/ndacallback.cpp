@@ -59,15 +59,18 @@ struct NdaCallback::PacketBatch
     // guarded by mutex
     NdaCallback* target = nullptr; // null once the bridge is being destroyed
     std::vector<NvDataPacket> packets;
-    bool scheduled = false; // in the flusher's list
+    std::vector<qint64> arrivals; // steady clock, ns, one per packet
+    bool scheduled = false;       // in the flusher's list
 
     void postLocked()
     {
         if (packets.empty())
             return;
         if (target)
-            QCoreApplication::postEvent(target, new NvPostProcessEvent(std::move(packets)));
+            QCoreApplication::postEvent(
+                target, new NvPostProcessEvent(std::move(packets), std::move(arrivals)));
         packets.clear(); // whatever the move left
+        arrivals.clear();
     }
 };
 
@@ -280,12 +283,18 @@ void NdaCallback::onLiveDataAvailable(NvDevice*, const NvDataPacket* packet)
 {
     if (!packet || !shouldProcessPacket())
         return;
+    const qint64 arrival = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                               std::chrono::steady_clock::now().time_since_epoch())
+                               .count();
     bool first;
     {
         std::lock_guard<std::mutex> lock(m_batch->mutex);
-        if (m_batch->packets.capacity() == 0)
+        if (m_batch->packets.capacity() == 0) {
             m_batch->packets.reserve(16);
+            m_batch->arrivals.reserve(16);
+        }
         m_batch->packets.push_back(*packet);
+        m_batch->arrivals.push_back(arrival);
         first = !m_batch->scheduled;
         m_batch->scheduled = true;
     }
@@ -396,7 +405,8 @@ bool NdaCallback::event(QEvent* e)
         return true;
     }
     if (type == NVPROCESSEVENTTYPE) {
-        emitPackets(static_cast<NvPostProcessEvent*>(e)->packets());
+        auto* batch = static_cast<NvPostProcessEvent*>(e);
+        emitPackets(batch->packets(), batch->arrivals());
         return true;
     }
     if (type == NVCLIENTINFOEVENTTYPE) {
@@ -425,16 +435,22 @@ bool NdaCallback::event(QEvent* e)
 
 void NdaCallback::emitPendingPackets()
 {
-    while (m_emitting && m_emitNext < m_emitting->size())
-        emit postProcessed((*m_emitting)[m_emitNext++]);
+    while (m_emitting && m_emitNext < m_emitting->size()) {
+        const size_t i = m_emitNext++;
+        m_currentArrival = i < m_arrivals->size() ? (*m_arrivals)[i] : 0;
+        emit postProcessed((*m_emitting)[i]);
+    }
 }
 
-void NdaCallback::emitPackets(const std::vector<NvDataPacket>& packets)
+void NdaCallback::emitPackets(const std::vector<NvDataPacket>& packets,
+                              const std::vector<qint64>& arrivals)
 {
     m_emitting = &packets;
+    m_arrivals = &arrivals;
     m_emitNext = 0;
     emitPendingPackets();
     m_emitting = nullptr; // also when a nested loop finished it, or a newer batch after it
+    m_currentArrival = 0;
 }
 
 void NdaCallback::nvEvent(NvEvent* e)

@@ -192,14 +192,18 @@ private:
 class NvPostProcessEvent : public QEvent
 {
 public:
-    explicit NvPostProcessEvent(std::vector<NvDataPacket> packets)
-        : QEvent(NVPROCESSEVENTTYPE), m_packets(std::move(packets))
+    explicit NvPostProcessEvent(std::vector<NvDataPacket> packets,
+                                std::vector<qint64> arrivals = {})
+        : QEvent(NVPROCESSEVENTTYPE), m_packets(std::move(packets)), m_arrivals(std::move(arrivals))
     {
     }
     const std::vector<NvDataPacket>& packets() const { return m_packets; }
+    // When the library handed each packet over (steady clock, ns); may be empty.
+    const std::vector<qint64>& arrivals() const { return m_arrivals; }
 
 private:
     std::vector<NvDataPacket> m_packets;
+    std::vector<qint64> m_arrivals;
 };
 
 class NvUpdateProgressEvent : public QEvent
@@ -291,6 +295,9 @@ public:
 
     // The device's identifier; empty for a null handle.
     static NvDeviceId deviceIdOf(NvDevice* dev);
+    // While postProcessed is being emitted: when the library handed that packet to the
+    // bridge (steady clock, ns, as std::chrono::steady_clock); 0 outside or when unknown.
+    qint64 currentPacketArrival() const { return m_currentArrival; }
     // The tracker record of a device, as the library reports it.
     static KvwInfo fillCiEvent(NvDevice* dev);
 
@@ -351,7 +358,7 @@ private:
     // GUI thread: emits the rest of the batch being emitted (a slot's nested event loop
     // gets there before anything newer).
     void emitPendingPackets();
-    void emitPackets(const std::vector<NvDataPacket>& packets);
+    void emitPackets(const std::vector<NvDataPacket>& packets, const std::vector<qint64>& arrivals);
     void nvEvent(NvEvent* e);
     void clientInfoEvent(NvClientInfoEvent* e);
     void updateProgressEvent(NvUpdateProgressEvent* e);
@@ -364,5 +371,7 @@ private:
     std::shared_ptr<PacketBatch> m_batch;    // this bridge's packets waiting to be posted
     // GUI thread only
     const std::vector<NvDataPacket>* m_emitting = nullptr;
+    const std::vector<qint64>* m_arrivals = nullptr;
     size_t m_emitNext = 0;
+    qint64 m_currentArrival = 0;
 };

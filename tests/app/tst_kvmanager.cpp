@@ -1,12 +1,17 @@
 #include "deviceitem.h"
 #include "devicelist.h"
 #include "devicemodel.h"
+#include "dialogmanagers.h"
 #include "fakeport.h"
 #include "hardwarescanner.h"
 #include "journaller.h"
 #include "kvmanager.h"
+#include "kvsettingsdialog.h"
+#include "kvsettingsoptionspage.h"
 #include "kvsimharness.h"
 #include "messagewindow.h"
+#include "timeseriesviewers.h"
+#include "viewmanager.h"
 
 #include <QAction>
 #include <QApplication>
@@ -28,6 +33,12 @@
 #include <QTimer>
 #include <QTreeView>
 #include <QUrl>
+
+#include <QCheckBox>
+#include <QComboBox>
+#include <QMdiSubWindow>
+#include <QPushButton>
+#include <QTreeWidget>
 
 #include <algorithm>
 #include <memory>
@@ -89,6 +100,8 @@ private slots:
     void deviceNotificationsAndTheRecordingIndicator();
     void ctrlClickedDevicesAreTheOnesThatMeasure();
     void masterWithoutTrackersIsNoLinkBehind();
+    void viewsFollowTheSelectionAndTheToggles();
+    void outputChosenInTheSettingsDialogReachesTheViews();
 
 private:
     std::unique_ptr<KvManager> m_window;
@@ -753,3 +766,165 @@ void TestKvManager::masterWithoutTrackersIsNoLinkBehind()
 
 QTEST_MAIN(TestKvManager)
 #include "tst_kvmanager.moc"
+
+void TestKvManager::viewsFollowTheSelectionAndTheToggles()
+{
+    kvtest::KvsimProcess sim({"--device", "ahrs", "--device", "gnss", "--quiet"});
+    QVERIFY(sim.started());
+    qputenv("XDG_RUNTIME_DIR", QByteArray::fromStdString(sim.runtimeDir()));
+    qputenv("NV_SCAN_SYSTEM_PORTS", "0");
+    const auto unset = qScopeGuard([] {
+        qunsetenv("XDG_RUNTIME_DIR");
+        qunsetenv("NV_SCAN_SYSTEM_PORTS");
+    });
+    ModalCloser closer;
+    // The kinds of view wanted last time come back.
+    m_window.reset();
+    QSettings().setValue(QStringLiteral("openViewTypes"), QVariantList{DeviceMessageView});
+    m_window = std::make_unique<KvManager>(UpdateServerOptions());
+    QVERIFY(QTest::qWaitForWindowExposed(m_window.get()));
+    const KvManagerUi& ui = m_window->ui();
+    QVERIFY(ui.viewActions[DeviceMessageView]->isChecked());
+    QVERIFY(!ui.viewActions[NdaMessageView]->isChecked());
+    QVERIFY(!ui.viewActions[PositionView]->isEnabled()); // nothing open yet
+
+    QTreeView* tree = m_window->deviceList()->view();
+    tree->setAnimated(false);
+    m_window->doScanAllPorts();
+    QTRY_COMPARE_WITH_TIMEOUT(m_window->deviceModel()->rowCount(), 2, 20000);
+    int ahrsRow = 0, gnssRow = 1;
+    if (m_window->deviceModel()->deviceId(tree->model()->index(0, 0)).isGnss())
+        std::swap(ahrsRow, gnssRow);
+    const NvDeviceId ahrs = m_window->deviceModel()->deviceId(tree->model()->index(ahrsRow, 0));
+    const NvDeviceId gnss = m_window->deviceModel()->deviceId(tree->model()->index(gnssRow, 0));
+
+    // The selection after the scan gets the wanted view, and only that device.
+    ViewManager* vm = m_window->viewManager();
+    QTRY_COMPARE_WITH_TIMEOUT(vm->viewCountInfo(DeviceMessageView), 1u, 10000);
+    const NvDeviceId first = m_window->selectedDevices().front();
+    QCOMPARE(vm->viewCountInfo(DeviceMessageView, first), 1u);
+
+    // Views follow the selection; GNSS views are offered for the GNSS device only.
+    clickRow(tree, gnssRow, Qt::NoModifier);
+    QTRY_COMPARE(vm->viewCountInfo(DeviceMessageView, gnss), 1u);
+    QTRY_COMPARE(vm->viewCountInfo(DeviceMessageView, ahrs), 0u);
+    QVERIFY(ui.viewActions[PositionView]->isEnabled());
+    clickRow(tree, ahrsRow, Qt::NoModifier);
+    QTRY_COMPARE(vm->viewCountInfo(DeviceMessageView, ahrs), 1u);
+    QTRY_COMPARE(vm->viewCountInfo(DeviceMessageView, gnss), 0u);
+    QVERIFY(!ui.viewActions[PositionView]->isEnabled());
+    QVERIFY(ui.viewActions[InertialView]->isEnabled());
+
+    // A toggle opens its kind for the selection and is remembered.
+    ui.viewActions[NdaMessageView]->trigger();
+    QCOMPARE(vm->viewCountInfo(NdaMessageView, ahrs), 1u);
+    QVERIFY(ui.viewActions[NdaMessageView]->isChecked());
+    QVERIFY(QSettings().value(QStringLiteral("openViewTypes")).toList().contains(NdaMessageView));
+    ui.viewActions[NdaMessageView]->trigger();
+    QTRY_COMPARE(vm->viewCountInfo(NdaMessageView), 0u);
+    QVERIFY(!QSettings().value(QStringLiteral("openViewTypes")).toList().contains(NdaMessageView));
+
+    // Closing the last view of a kind by hand unchecks its toggle: it stays closed.
+    QMdiSubWindow* window = vm->subWindow(vm->viewList(DeviceMessageView, ahrs).first().data());
+    QVERIFY(window);
+    window->close();
+    QTRY_COMPARE(vm->viewCountInfo(DeviceMessageView), 0u);
+    QVERIFY(!ui.viewActions[DeviceMessageView]->isChecked());
+    clickRow(tree, gnssRow, Qt::NoModifier);
+    QTest::qWait(100);
+    QCOMPARE(vm->viewCountInfo(), 0u);
+
+    // Device Settings opens the selected device's dialog; a double-click another's.
+    QVERIFY(ui.actionDeviceSettings->isEnabled());
+    ui.actionDeviceSettings->trigger();
+    KvSettingsDialogManager* dialogs = m_window->settingsDialogManager();
+    QTRY_VERIFY(dialogs->settingsDialog(gnss) && dialogs->settingsDialog(gnss)->isVisible());
+    // A double click is a press, then the double-click event on the same row.
+    const QPoint ahrsCenter = tree->visualRect(tree->model()->index(ahrsRow, 0)).center();
+    QTest::mousePress(tree->viewport(), Qt::LeftButton, {}, ahrsCenter);
+    QTest::mouseDClick(tree->viewport(), Qt::LeftButton, {}, ahrsCenter);
+    QTRY_VERIFY(dialogs->settingsDialog(ahrs) && dialogs->settingsDialog(ahrs)->isVisible());
+    QCOMPARE(dialogs->dialogCount(), size_t(2));
+    dialogs->settingsDialog(ahrs)->close();
+    dialogs->settingsDialog(gnss)->close();
+    QTRY_COMPARE(dialogs->dialogCount(), size_t(0));
+    clickRow(tree, gnssRow, Qt::NoModifier);
+
+    // Closing the window takes every view down with the devices.
+    ui.viewActions[DeviceMessageView]->trigger();
+    QCOMPARE(vm->viewCountInfo(DeviceMessageView, gnss), 1u);
+    m_window->close();
+    QCOMPARE(vm->viewCountInfo(), 0u);
+}
+
+void TestKvManager::outputChosenInTheSettingsDialogReachesTheViews()
+{
+    kvtest::KvsimProcess sim({"--device", "ahrs", "--quiet"});
+    QVERIFY(sim.started());
+    qputenv("XDG_RUNTIME_DIR", QByteArray::fromStdString(sim.runtimeDir()));
+    qputenv("NV_SCAN_SYSTEM_PORTS", "0");
+    const auto unset = qScopeGuard([] {
+        qunsetenv("XDG_RUNTIME_DIR");
+        qunsetenv("NV_SCAN_SYSTEM_PORTS");
+    });
+    ModalCloser closer;
+    m_window.reset();
+    QSettings().setValue(QStringLiteral("openViewTypes"), QVariantList{InertialView});
+    m_window = std::make_unique<KvManager>(UpdateServerOptions());
+    m_window->resize(1280, 800);
+    QVERIFY(QTest::qWaitForWindowExposed(m_window.get()));
+    m_window->doScanAllPorts();
+    const NvDeviceId ahrs = NvDeviceId::fromString(sim.ports()[0].id);
+    ViewManager* vm = m_window->viewManager();
+    QTRY_COMPARE_WITH_TIMEOUT(vm->viewCountInfo(InertialView, ahrs), 1u, 20000);
+    QTRY_VERIFY_WITH_TIMEOUT(m_window->ndaControl()->isMeasuring(ahrs), 10000);
+
+    // Device Settings, Output Configuration: quaternion at 100 Hz, acceleration at 400 Hz.
+    m_window->ui().actionDeviceSettings->trigger();
+    KvSettingsDialog* dialog = m_window->settingsDialogManager()->settingsDialog(ahrs);
+    QVERIFY(dialog);
+    KvSettingsOptionsPage* page = dialog->page(QStringLiteral("OutputConfiguration"));
+    QVERIFY(page);
+    for (const char* name : {"inertialGyrCheckBox", "magFieldCheckBox", "statusWordCheckBox"}) {
+        auto* box = page->findChild<QCheckBox*>(QLatin1String(name));
+        QVERIFY2(box && box->isChecked(), name);
+        box->click();
+    }
+    auto* ori = page->findChild<QComboBox*>(QStringLiteral("oriFormatComboBox"));
+    ori->setCurrentIndex(ori->findText(QStringLiteral("Quaternion")));
+    for (auto [name, hz] : {std::pair{"oriFreqComboBox", 100}, {"inertialAccFreqComboBox", 400}}) {
+        auto* rate = page->findChild<QComboBox*>(QLatin1String(name));
+        QVERIFY(rate);
+        rate->setCurrentIndex(rate->findText(QStringLiteral("%1 Hz").arg(hz)));
+        QCOMPARE(rate->currentText(), QStringLiteral("%1 Hz").arg(hz));
+    }
+    dialog->treeWidget()->setCurrentItem(dialog->treeWidget()->findItems(
+        QStringLiteral("Output Configuration"), Qt::MatchRecursive)[0]);
+    QVERIFY(dialog->applyButton()->isEnabled());
+    if (const QByteArray dir = qgetenv("KV_SCREENSHOT_DIR"); !dir.isEmpty())
+        dialog->grab().save(QString::fromLocal8Bit(dir) + QStringLiteral("/settings-dialog.png"));
+    dialog->applyButton()->click();
+    QVERIFY2(closer.texts.isEmpty(), qPrintable(closer.texts.join(QLatin1Char('/'))));
+
+    // The device measures again with the new output; a view opened now shows acceleration
+    // and never a rate of turn.
+    QTRY_VERIFY_WITH_TIMEOUT(m_window->ndaControl()->isMeasuring(ahrs), 10000);
+    const NvOutputConfigurationArray config = m_window->ndaControl()->outputConfiguration(ahrs);
+    QVERIFY(std::any_of(config.begin(), config.end(), [](const NvOutputConfiguration& c) {
+        return nvQuantity(c.dataIdentifier) == nvQuantity(NDI_QUATERNION) && c.frequency == 100;
+    }));
+    QTest::qWait(300); // packets sent before the change are still on their way
+    vm->closeAndReopenViews(InertialView, ahrs);
+    auto* inertial =
+        qobject_cast<InertialDataViewer*>(vm->viewList(InertialView, ahrs).first().data());
+    QVERIFY(inertial);
+    QTRY_VERIFY_WITH_TIMEOUT(inertial->packetsProcessed() > 100, 10000);
+    // Lanes: acceleration x, y, z, then rate of turn x, y, z.
+    const QVector<double> values = inertial->latestValues();
+    QVERIFY(values.size() >= 6);
+    for (int i = 0; i < 3; ++i) {
+        QVERIFY(!std::isnan(values[i]));
+        QVERIFY(std::isnan(values[i + 3]));
+    }
+    dialog->close();
+}

@@ -1060,6 +1060,27 @@ void EmulatedDevice::handleConfigurationMessage(const NvFrameView& frame, int64_
         }
         u16reply(NvMid::GnssPlatform, m_config.gnssPlatform);
         return;
+    case NvMid::ReqGnssLeverArm: {
+        if (!m_info.hasGnss)
+            break;
+        if (n == 12) {
+            float arm[3];
+            for (int i = 0; i < 3; ++i) {
+                arm[i] = nvbe::readF32(d + 4 * i);
+                // An antenna more than 100 m away is a typing error, not a vehicle.
+                if (!(arm[i] >= -100.0f && arm[i] <= 100.0f))
+                    return bad();
+            }
+            std::copy(arm, arm + 3, m_config.leverArm);
+        } else if (n != 0) {
+            return bad();
+        }
+        NvByteArray out;
+        for (float v : m_config.leverArm)
+            nvbe::appendF32(out, v);
+        reply(bus, NvMid::GnssLeverArm, out, link);
+        return;
+    }
     case NvMid::ReqCalibrationRecord:
         if (n != 2 || d[0] != 0x00 || d[1] != 0xFF)
             return bad();

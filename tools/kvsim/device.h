@@ -74,6 +74,7 @@ struct DeviceConfig
     uint16_t stringPeriod = 100; // ms between NMEA sentence groups
     uint16_t filterProfile = 0;
     uint16_t gnssPlatform = 0;
+    float leverArm[3] = {0, 0, 0}; // m, GNSS antenna from the sensor, sensor frame
     std::vector<uint32_t> portConfig;
     double storedHeadingOffset = 0; // radians, from ResetOrientation "store"
 };

@@ -1,0 +1,1 @@
+#include "abstractoptionspage.h"
