@@ -917,9 +917,15 @@ int NvDevice_updateCachedDeviceInformation(NvDevice* device)
     rc = request(device, NvMid::ReqSyncSettings, {}, &reply);
     if (rc == NRV_OK)
         nvSyncSettingsFromWire(reply.data(), reply.dataSize(), sync);
+    // A factory reset or a settings file changes it as well.
+    const bool haveLocation =
+        request(device, NvMid::ReqLocationId, {}, &reply) == NRV_OK && reply.dataSize() >= 2;
+    const int location = haveLocation ? reply.readU16(0) : 0;
     std::lock_guard<std::mutex> lock(device->mutex);
     device->outputConfiguration = config;
     device->syncSettings = sync;
+    if (haveLocation)
+        device->locationId = location;
     setResult(NRV_OK);
     return 1;
 }

@@ -79,6 +79,7 @@ private slots:
     void recordingMakesTheDialogReadOnly();
     void modelingAndDevicePagesReachTheDevice();
     void managerKeepsOneDialogPerDeviceAndClosesWithIt();
+    void revertRestoresFactoryDefaults();
 
 private:
     // Held until the control goes at the end of the test.
@@ -341,6 +342,29 @@ void TestKvSettingsDialog::managerKeepsOneDialogPerDeviceAndClosesWithIt()
     QVERIFY(m_control->closePort(m_ahrs));
     QTRY_VERIFY(first.isNull());
     QCOMPARE(manager.dialogCount(), size_t(0));
+}
+
+void TestKvSettingsDialog::revertRestoresFactoryDefaults()
+{
+    ModalCloser closer;
+    NdaDevice& ahrs = device(m_ahrs2);
+    {
+        NdaDeviceMeasurementPauser pauser(ahrs);
+        QVERIFY(ahrs.setLocationId(55));
+    }
+    KvSettingsDialog dialog(*m_control, m_ahrs2);
+    QCOMPARE(dialog.identificationPage()->locationId(), 55);
+    QSignalSpy changed(&dialog, &KvSettingsDialog::deviceChanged);
+    dialog.revertButton()->click();
+    QCOMPARE(closer.texts.value(0),
+             QStringLiteral("Revert Settings|Settings successfully restored"));
+    QCOMPARE(changed.count(), 1);
+    QCOMPARE(ahrs.locationId(), 0);
+    QCOMPARE(dialog.revertButton()->text(), QStringLiteral("Revert"));
+    QVERIFY(dialog.revertButton()->isEnabled());
+    QVERIFY(!dialog.applyButton()->isEnabled());
+    // A following Save Settings runs a write pass first.
+    QVERIFY(dialog.hasUnwrittenChanges());
 }
 
 QTEST_MAIN(TestKvSettingsDialog)
