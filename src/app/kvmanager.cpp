@@ -13,6 +13,7 @@
 #include "nivradeviceapi.h"
 #include "plotmanager.h"
 #include "pluginmanager.h"
+#include "settingsdialog.h"
 #include "settingssynchronizer.h"
 
 #include <QAction>
@@ -707,6 +708,17 @@ void KvManager::destructDialogManagers()
     m_deviceDialogManager = nullptr;
 }
 
+void KvManager::showOptions()
+{
+    SettingsDialog dialog(this);
+    connect(&dialog, &SettingsDialog::applied, this, [this] {
+        m_plotManager->reloadOptions();
+        readAdvancedSettings();
+        updateRecentFiles();
+    });
+    dialog.exec();
+}
+
 void KvManager::openDeviceSettings()
 {
     if (!m_selectedDevices.empty())
@@ -998,6 +1010,7 @@ void KvManager::connectUi()
     connect(m_ui.actionConfigMode, &QAction::triggered, this, &KvManager::stopMeasurement);
     connect(m_ui.actionDeviceSettings, &QAction::triggered, this,
             qOverload<>(&KvManager::openDeviceSettings));
+    connect(m_ui.actionOptions, &QAction::triggered, this, &KvManager::showOptions);
     connect(
         m_deviceList->view(), &QAbstractItemView::doubleClicked, this,
         [this](const QModelIndex& index) { openDeviceSettings(m_deviceModel->deviceId(index)); });

@@ -204,6 +204,8 @@ public slots:
     void handleViewClosedByUser(ViewType type, const NvDeviceId& id);
     // A view toggle of the View menu or tool bar.
     void toggleViewType(ViewType type, bool on);
+    // Tools > Options: the application's options; applied ones take effect at once.
+    void showOptions();
     // The settings dialog of the selected device (the first of several).
     void openDeviceSettings();
     void openDeviceSettings(const NvDeviceId& id);

@@ -10,6 +10,8 @@
 #include "kvsettingsoptionspage.h"
 #include "kvsimharness.h"
 #include "messagewindow.h"
+#include "plotmanager.h"
+#include "settingsdialog.h"
 #include "timeseriesviewers.h"
 #include "viewmanager.h"
 
@@ -102,6 +104,7 @@ private slots:
     void masterWithoutTrackersIsNoLinkBehind();
     void viewsFollowTheSelectionAndTheToggles();
     void outputChosenInTheSettingsDialogReachesTheViews();
+    void optionsTakeEffectWhenApplied();
 
 private:
     std::unique_ptr<KvManager> m_window;
@@ -927,4 +930,25 @@ void TestKvManager::outputChosenInTheSettingsDialogReachesTheViews()
         QVERIFY(std::isnan(values[i + 3]));
     }
     dialog->close();
+}
+
+void TestKvManager::optionsTakeEffectWhenApplied()
+{
+    QVERIFY(!m_window->plotManager()->options().strobes);
+    bool seen = false;
+    QTimer::singleShot(50, this, [&seen] {
+        auto* dialog = qobject_cast<SettingsDialog*>(QApplication::activeModalWidget());
+        if (!dialog)
+            return;
+        seen = true;
+        dialog->showPage(QStringLiteral("PlottingOptions"));
+        dialog->currentPage()
+            ->findChild<QCheckBox*>(QStringLiteral("graphStyleCheckBox"))
+            ->setChecked(true);
+        dialog->accept();
+    });
+    m_window->ui().actionOptions->trigger();
+    QVERIFY(seen);
+    QVERIFY(m_window->plotManager()->options().strobes);
+    QCOMPARE(QSettings().value(QStringLiteral("graphStyle")).toInt(), 256);
 }
