@@ -50,6 +50,7 @@ public:
     bool startLoading(const std::shared_ptr<FileSource>& self, const NvDeviceId& requester);
     size_t packetCount(size_t device) const;
     NvDataPacket packet(size_t device, size_t index) const;
+    uint64_t hostTime(size_t device, size_t index) const;
     uint64_t skippedBytes() const;
 
 private:
@@ -156,6 +157,13 @@ NvDataPacket FileSource::packet(size_t device, size_t index) const
     if (state != Loaded || device >= m_readerDevice.size() || m_readerDevice[device] < 0)
         return NvDataPacket();
     return m_reader->packet(size_t(m_readerDevice[device]), index);
+}
+
+uint64_t FileSource::hostTime(size_t device, size_t index) const
+{
+    if (state != Loaded || device >= m_readerDevice.size() || m_readerDevice[device] < 0)
+        return 0;
+    return m_reader->packetHostTime(size_t(m_readerDevice[device]), index);
 }
 
 uint64_t FileSource::skippedBytes() const
@@ -340,6 +348,23 @@ int NvDevice_dataPacketByIndex(NvDevice* device, int64_t index, NvDataPacket* ou
         return fail(NRV_INVALID_ARGUMENT);
     *out = device->file->packet(device->fileDevice, size_t(index));
     return out->isEmpty() ? fail(NRV_END_OF_FILE) : done(NRV_OK);
+}
+
+int NvDevice_hostTimeByIndex(NvDevice* device, int64_t index, uint64_t* utcNs)
+{
+    if (!utcNs)
+        return fail(NRV_INVALID_ARGUMENT);
+    *utcNs = 0;
+    if (!device || !device->isFile)
+        return fail(device ? NRV_NOT_SUPPORTED : NRV_INVALID_DEVICE);
+    if (device->file->state != nda::FileSource::Loaded)
+        return fail(NRV_INVALID_STATE);
+    if (index < 0)
+        return fail(NRV_INVALID_ARGUMENT);
+    if (index >= int64_t(device->file->packetCount(device->fileDevice)))
+        return fail(NRV_END_OF_FILE);
+    *utcNs = device->file->hostTime(device->fileDevice, size_t(index));
+    return *utcNs ? done(NRV_OK) : fail(NRV_NO_DATA);
 }
 
 uint64_t NvDevice_fileSkippedBytes(NvDevice* device)

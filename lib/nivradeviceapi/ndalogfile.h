@@ -35,7 +35,7 @@ namespace LogMid {
 enum : uint8_t
 {
     Header = 0xB0,   // first frame of every part
-    TimeMark = 0xB1, // host UTC time, at most every 100 ms while frames arrive
+    TimeMark = 0xB1, // host UTC time: one per read batch, at most one per millisecond
     End = 0xB2,      // last frame of a part that was closed properly
 };
 }

@@ -15,7 +15,9 @@ namespace nda {
 
 namespace {
 
-constexpr uint64_t TimeMarkIntervalNs = 100'000'000;
+// Frames read in one batch arrive within microseconds of each other, so a mark at most
+// every millisecond dates each batch as it came in without one mark per frame.
+constexpr uint64_t TimeMarkIntervalNs = 1'000'000;
 // The writer thread is woken early once this much is buffered, so that a fast stream
 // is written in chunks the page cache likes rather than one big burst per sync period.
 constexpr size_t WakeBytes = size_t(1) << 20;
@@ -28,10 +30,10 @@ uint64_t clockNs(clockid_t clock)
     return uint64_t(ts.tv_sec) * 1'000'000'000u + uint64_t(ts.tv_nsec);
 }
 
-// Coarse is enough for 100 ms time marks and costs no more than a memory read.
+// The coarse clock ticks in whole jiffies (4 ms): too slow to tell batches 1 ms apart.
 uint64_t monoNs()
 {
-    return clockNs(CLOCK_MONOTONIC_COARSE);
+    return clockNs(CLOCK_MONOTONIC);
 }
 
 // The size a frame declares; callers know the header bytes are there.

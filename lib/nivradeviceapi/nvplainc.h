@@ -233,6 +233,11 @@ NV_API int64_t NvDevice_packetCount(NvDevice* device);
 /* A copy of packet `index` of the loaded file, to be released with NvPacket_delete; null
  * with NRV_END_OF_FILE past the end, NRV_INVALID_STATE before loading. */
 NV_API NvCbDataPacket* NvDevice_newDataPacketByIndex(NvDevice* device, int64_t index);
+/* Host UTC time (ns since 1970) at which packet `index` of a loaded kvb was read: the
+ * recording's last time mark before it. 0 with NRV_NO_DATA when the file has none before
+ * it (bin and nm files carry none), NRV_END_OF_FILE past the end, NRV_INVALID_STATE before
+ * loading. */
+NV_API int NvDevice_hostTimeByIndex(NvDevice* device, int64_t index, uint64_t* utcNs);
 
 /* ---- Data packets ------------------------------------------------------------------- */
 

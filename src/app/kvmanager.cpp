@@ -1,10 +1,17 @@
 #include "kvmanager.h"
 
 #include "animatedicon.h"
+#include "batchexportdialog.h"
+#include "currentdirectorywidget.h"
 #include "deviceitem.h"
 #include "devicelist.h"
 #include "devicemodel.h"
 #include "dialogmanagers.h"
+#include "exportdialog.h"
+#include "filenamepattern.h"
+#include "fileloadingwidget.h"
+#include "fileplaybackmanager.h"
+#include "filerecordmanager.h"
 #include "hardwarescanner.h"
 #include "journaller.h"
 #include "kvmanagerhelpers.h"
@@ -35,6 +42,7 @@
 #include <QRegularExpression>
 #include <QScreen>
 #include <QSettings>
+#include <QSlider>
 #include <QStackedWidget>
 #include <QStatusBar>
 #include <QTimer>
@@ -42,6 +50,8 @@
 #include <QTreeView>
 #include <QUrl>
 #include <QVBoxLayout>
+
+#include <climits>
 
 // Registered in this order at static initialisation, before any window exists.
 const QEvent::Type KvManager::ConfigurationChangedEvent::eventType =
@@ -113,6 +123,8 @@ void KvManager::construct()
     constructDeviceList();
     constructViewManager();
     constructDialogManagers();
+    constructFilePlaybackManager();
+    constructFileRecordManager();
     constructPlotManager();
     constructHardwareScanner();
     constructRecentFileMenu();
@@ -139,6 +151,8 @@ void KvManager::destruct()
     destructRecentFileMenu();
     destructHardwareScanner();
     destructPlotManager();
+    destructFileRecordManager();
+    destructFilePlaybackManager();
     destructDialogManagers();
     destructViewManager();
     destructDeviceList();
@@ -301,28 +315,17 @@ void KvManager::updateDeviceStatus()
 
 QString KvManager::generateLogFileName(const NvDeviceId& id)
 {
-    QSettings settings;
-    QString folder = settings.value(QStringLiteral("recordingDirectory")).toString();
-    if (folder.isEmpty())
-        folder = QDir::homePath() + QStringLiteral("/KvManager recordings");
-    return QDir(folder).filePath(
-        QStringLiteral("%1_%2.kvb")
-            .arg(QString::fromStdString(id.toString()),
-                 QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMdd_HHmmss"))));
+    const QString folder = m_fileRecordManager ? m_fileRecordManager->currentDirectory()
+                                               : CurrentDirectoryWidget::storedDirectory();
+    return ::generateLogFileName(folder, LogFileName::storedPattern(), id,
+                                 m_ndaControl->productCode(id), QDateTime::currentDateTime());
 }
 
 QString KvManager::checkExistingFilename(const QString& name)
 {
-    // An existing recording is never overwritten: the new one gets a number.
-    if (!QFileInfo::exists(name))
-        return name;
-    const QFileInfo info(name);
-    for (int n = 2;; ++n) {
-        const QString candidate = info.dir().filePath(
-            QStringLiteral("%1_%2.%3").arg(info.completeBaseName()).arg(n).arg(info.suffix()));
-        if (!QFileInfo::exists(candidate))
-            return candidate;
-    }
+    // The trial number already found a free name; a pattern without one names the same
+    // file each time, and the user asked for exactly that.
+    return name;
 }
 
 // ---- device notifications ------------------------------------------------------------------
@@ -522,6 +525,9 @@ void KvManager::handleNumberOfMeasuringDevicesChanged(size_t, size_t current)
 {
     journal(JLL_DEBUG, QStringLiteral("%1 device(s) measuring").arg(current));
     updateDeviceStatus();
+    // Something to record, or a recording to stop.
+    m_ui.actionRecord->setEnabled(current > 0 ||
+                                  (m_fileRecordManager && m_fileRecordManager->recordingState()));
 }
 
 void KvManager::constructUi()
@@ -706,6 +712,168 @@ void KvManager::destructDialogManagers()
     m_settingsDialogManager = nullptr;
     delete m_deviceDialogManager;
     m_deviceDialogManager = nullptr;
+}
+
+// ---- playback ----------------------------------------------------------------------------
+
+void KvManager::constructFilePlaybackManager()
+{
+    m_filePlaybackManager = new FilePlaybackManager(*m_ndaControl, this, this);
+    FilePlaybackManager* p = m_filePlaybackManager;
+    connect(p, &FilePlaybackManager::fileLoadingError, this,
+            [this](const QString& path, int type, const QString& text) {
+                const QString detail = m_filePlaybackManager->lastErrorDetail();
+                handleFileLoadError(path, type,
+                                    detail.isEmpty() ? text
+                                                     : QStringLiteral("%1 (%2)").arg(text, detail));
+                updatePlaybackActions();
+            });
+    connect(p, &FilePlaybackManager::fileLoadingFinalized, this, [this](const QString& path) {
+        handleFileLoadingFinalized(path);
+        // The recording's devices take the live ones' place in the tree and the views.
+        reloadDeviceList();
+        m_filePlaybackManager->loadFirstOriDataFrame();
+        updatePlaybackActions();
+    });
+    connect(p, &FilePlaybackManager::fileClosed, this, [this](const NvDeviceId& id) {
+        handleFileClosed(id);
+        updatePlaybackActions();
+    });
+    connect(p, &FilePlaybackManager::filePlaybackStateChanged, this,
+            [this] { updatePlaybackActions(); });
+    connect(p, &FilePlaybackManager::filePlaybackStarted, this,
+            [this] { updatePlaybackActions(); });
+    connect(p, &FilePlaybackManager::filePlaybackPaused, this, [this] { updatePlaybackActions(); });
+    connect(p, &FilePlaybackManager::filePlaybackResumed, this,
+            [this] { updatePlaybackActions(); });
+    connect(p, &FilePlaybackManager::filePlaybackCompleted, this,
+            [this] { updatePlaybackActions(); });
+    connect(p, &FilePlaybackManager::filePlaybackFrameIndexChanged, this,
+            [this](NdaDevice&, quint64 index) {
+                QSignalBlocker blocker(m_playbackSlider);
+                m_playbackSlider->setValue(static_cast<int>(
+                    std::min<quint64>(index, static_cast<quint64>(m_playbackSlider->maximum()))));
+            });
+
+    m_playbackSlider = new QSlider(Qt::Horizontal, this);
+    m_playbackSlider->setObjectName(QStringLiteral("playbackSlider"));
+    m_playbackSlider->setToolTip(tr("Playback position"));
+    m_playbackSlider->setMinimumWidth(240);
+    m_playbackSlider->setEnabled(false);
+    m_ui.playbackToolBar->addWidget(m_playbackSlider);
+    connect(m_playbackSlider, &QSlider::valueChanged, this, [this](int value) {
+        if (m_filePlaybackManager->isFileLoaded())
+            m_filePlaybackManager->seekTo(static_cast<quint64>(std::max(value, 0)));
+    });
+}
+
+void KvManager::destructFilePlaybackManager()
+{
+    delete m_filePlaybackManager;
+    m_filePlaybackManager = nullptr;
+}
+
+void KvManager::updatePlaybackActions()
+{
+    FilePlaybackManager* p = m_filePlaybackManager;
+    const bool loaded = p->isFileLoaded();
+    const bool playing = loaded && p->isPlaying() && !p->isPaused();
+    m_ui.actionPlay->setEnabled(loaded && !playing);
+    m_ui.actionPause->setEnabled(playing);
+    m_ui.actionStop->setEnabled(loaded && p->isPlaying());
+    m_ui.actionToStart->setEnabled(loaded);
+    const quint64 frames = p->frameCount();
+    QSignalBlocker blocker(m_playbackSlider);
+    m_playbackSlider->setEnabled(loaded && frames > 1);
+    m_playbackSlider->setRange(
+        0, static_cast<int>(std::min<quint64>(frames > 0 ? frames - 1 : 0, INT_MAX)));
+    m_playbackSlider->setValue(
+        static_cast<int>(std::min<quint64>(p->currentFrameIndex(), INT_MAX)));
+}
+
+// ---- recording ---------------------------------------------------------------------------
+
+void KvManager::constructFileRecordManager()
+{
+    m_fileRecordManager = new FileRecordManager(*m_ndaControl, *m_deviceController, this);
+    m_fileRecordManager->setDialogParent(this);
+    FileRecordManager* r = m_fileRecordManager;
+    connect(r, &FileRecordManager::numberOfRecordingDevicesChanged, this,
+            &KvManager::handleNumberOfRecordingDevicesChanged);
+    connect(r, &FileRecordManager::numberOfWaitingForRecordingStartDevicesChanged, this,
+            &KvManager::handleNumberOfWaitingForRecordingStartDevicesChanged);
+    connect(r, &FileRecordManager::recordingStateChanged, this,
+            &KvManager::handleRecordingStateChanged);
+    connect(r, &FileRecordManager::recordError, this,
+            [this](FileRecordError::Type type, const QString& text) {
+                handleRecordError(static_cast<int>(type), text);
+            });
+
+    m_currentDirectoryWidget = new CurrentDirectoryWidget(this);
+    m_currentDirectoryWidget->setObjectName(QStringLiteral("currentDirectoryWidget"));
+    m_currentDirectoryWidget->setToolTip(tr("Folder of new recordings"));
+    m_ui.mainToolBar->addWidget(m_currentDirectoryWidget);
+    r->setCurrentDirectory(m_currentDirectoryWidget->directory());
+    connect(m_currentDirectoryWidget, &CurrentDirectoryWidget::directoryChanged, r,
+            &FileRecordManager::setCurrentDirectory);
+}
+
+void KvManager::destructFileRecordManager()
+{
+    delete m_fileRecordManager;
+    m_fileRecordManager = nullptr;
+}
+
+void KvManager::toggleRecording()
+{
+    if (m_fileRecordManager->recordingState()) {
+        m_fileRecordManager->stopRecording();
+        return;
+    }
+    // Long recordings may go into parts (the options' recording-file page).
+    QSettings settings;
+    const quint64 megabytes =
+        settings.value(QStringLiteral("logFileSplitMegabytes"), 0).toULongLong();
+    const quint64 minutes = settings.value(QStringLiteral("logFileSplitMinutes"), 0).toULongLong();
+    NvControl_setLogFileSplit(m_ndaControl->libraryControl(), megabytes * 1000 * 1000,
+                              minutes * 60 * 1000);
+    m_fileRecordManager->startRecording();
+    // The action's check mark follows the devices, not the click.
+    QSignalBlocker blocker(m_ui.actionRecord);
+    m_ui.actionRecord->setChecked(m_fileRecordManager->recordingState());
+}
+
+void KvManager::handleRecordingStateChanged(bool recording)
+{
+    QSignalBlocker blocker(m_ui.actionRecord);
+    m_ui.actionRecord->setChecked(recording);
+    if (recording)
+        m_ui.actionRecord->setEnabled(true);
+    if (m_recordIcon)
+        m_recordIcon->setRunning(recording);
+    m_currentDirectoryWidget->setEnabled(!recording);
+}
+
+void KvManager::handleRecordError(int, const QString& text)
+{
+    addMessageToMessageWindow(QStringLiteral("ERROR: %1").arg(text), true);
+}
+
+void KvManager::exportFile()
+{
+    if (m_currentFileName.isEmpty())
+        return;
+    ExportDialog dialog(*m_ndaControl, *m_pluginManager, m_currentFileName, this);
+    dialog.exec();
+}
+
+void KvManager::batchExport()
+{
+    QStringList files;
+    if (!m_currentFileName.isEmpty())
+        files << m_currentFileName;
+    BatchExportDialog dialog(*m_ndaControl, *m_pluginManager, files, this);
+    dialog.exec();
 }
 
 void KvManager::showOptions()
@@ -1011,6 +1179,28 @@ void KvManager::connectUi()
     connect(m_ui.actionDeviceSettings, &QAction::triggered, this,
             qOverload<>(&KvManager::openDeviceSettings));
     connect(m_ui.actionOptions, &QAction::triggered, this, &KvManager::showOptions);
+    connect(m_ui.actionRecord, &QAction::triggered, this, &KvManager::toggleRecording);
+    connect(m_ui.actionExport, &QAction::triggered, this, &KvManager::exportFile);
+    connect(m_ui.actionPlay, &QAction::triggered, this, [this] {
+        if (m_filePlaybackManager->isPaused())
+            m_filePlaybackManager->resumePlayback();
+        else
+            m_filePlaybackManager->startPlayback();
+        updatePlaybackActions();
+    });
+    connect(m_ui.actionPause, &QAction::triggered, this, [this] {
+        m_filePlaybackManager->pausePlayback();
+        updatePlaybackActions();
+    });
+    connect(m_ui.actionStop, &QAction::triggered, this, [this] {
+        m_filePlaybackManager->stopPlayback();
+        updatePlaybackActions();
+    });
+    connect(m_ui.actionToStart, &QAction::triggered, this, [this] {
+        m_filePlaybackManager->setPlayBackToStart();
+        updatePlaybackActions();
+    });
+    connect(m_ui.actionBatchExport, &QAction::triggered, this, &KvManager::batchExport);
     connect(
         m_deviceList->view(), &QAbstractItemView::doubleClicked, this,
         [this](const QModelIndex& index) { openDeviceSettings(m_deviceModel->deviceId(index)); });
@@ -1100,7 +1290,19 @@ void KvManager::loadFile(const QString& fileName)
         onOpenFileFailed(QIODevice::ReadOnly, fileName);
         return;
     }
-    handleFileLoadError(fileName, 0, tr("This build cannot read recordings yet"));
+    // A recording is shown instead of the live devices: the device library will not open
+    // a recording of a device that is still connected, and views follow one or the other.
+    if (m_fileRecordManager && m_fileRecordManager->recordingState())
+        m_fileRecordManager->stopRecording();
+    const NvDeviceIdArray open = m_ndaControl->mainDeviceIds();
+    const bool live = std::any_of(open.begin(), open.end(), [this](const NvDeviceId& id) {
+        return !m_ndaControl->isReadingFromFile(id);
+    });
+    if (live) {
+        m_viewManager->clearViews();
+        m_ndaControl->close();
+    }
+    m_filePlaybackManager->loadFile(info.absoluteFilePath());
 }
 
 void KvManager::loadFiles(const QList<QString>& fileNames)
@@ -1125,7 +1327,9 @@ void KvManager::fileOpen()
 
 void KvManager::fileClose()
 {
+    m_filePlaybackManager->closeFile();
     handleFileClosed();
+    reloadDeviceList();
 }
 
 void KvManager::fileOpenRecent()
@@ -1150,6 +1354,7 @@ void KvManager::handleFileLoadingFinalized(const QString& fileName)
     m_currentFileName = fileName;
     addRecentFile(fileName);
     m_ui.actionClose->setEnabled(true);
+    m_ui.actionExport->setEnabled(true);
     updateWindowTitle();
 }
 
@@ -1157,6 +1362,7 @@ void KvManager::handleFileClosed()
 {
     m_currentFileName.clear();
     m_ui.actionClose->setEnabled(false);
+    m_ui.actionExport->setEnabled(false);
     updateWindowTitle();
 }
 

@@ -23,6 +23,10 @@ class KvmFilterOptionsCallback;
 class MessageWindow;
 class PluginManager;
 class PlotManager;
+class CurrentDirectoryWidget;
+class FileRecordManager;
+class FilePlaybackManager;
+class QSlider;
 class DeviceDialogManager;
 class KvSettingsDialogManager;
 class ViewManager;
@@ -141,6 +145,10 @@ public:
     ViewManager* viewManager() const { return m_viewManager; }
     PlotManager* plotManager() const { return m_plotManager; }
     KvSettingsDialogManager* settingsDialogManager() const { return m_settingsDialogManager; }
+    FileRecordManager* fileRecordManager() const { return m_fileRecordManager; }
+    FilePlaybackManager* filePlaybackManager() const { return m_filePlaybackManager; }
+    QSlider* playbackSlider() const { return m_playbackSlider; }
+    CurrentDirectoryWidget* currentDirectoryWidget() const { return m_currentDirectoryWidget; }
     // The kinds of view the user wants for the selected devices (the checked toggles).
     const std::set<ViewType>& wantedViewTypes() const { return m_wantedViewTypes; }
     // The devices the user selected in the device list.
@@ -204,6 +212,14 @@ public slots:
     void handleViewClosedByUser(ViewType type, const NvDeviceId& id);
     // A view toggle of the View menu or tool bar.
     void toggleViewType(ViewType type, bool on);
+    // Device > Record: starts recording every measuring device, or stops the recording.
+    void toggleRecording();
+    void handleRecordingStateChanged(bool recording);
+    void handleRecordError(int type, const QString& text);
+    // File > Export: the open recording through an exporter plug-in.
+    void exportFile();
+    // File > Batch Export: several recordings in one run (the open one listed first).
+    void batchExport();
     // Tools > Options: the application's options; applied ones take effect at once.
     void showOptions();
     // The settings dialog of the selected device (the first of several).
@@ -271,6 +287,11 @@ private:
     void registerViewPermissions();
     void constructDialogManagers();
     void destructDialogManagers();
+    void constructFilePlaybackManager();
+    void destructFilePlaybackManager();
+    void updatePlaybackActions();
+    void constructFileRecordManager();
+    void destructFileRecordManager();
     void constructPlotManager();
     void destructPlotManager();
     // Views follow the selection: wanted kinds open for new devices, close for old ones.
@@ -325,6 +346,10 @@ private:
     std::set<ViewType> m_wantedViewTypes;
     DeviceDialogManager* m_deviceDialogManager = nullptr;
     KvSettingsDialogManager* m_settingsDialogManager = nullptr;
+    FileRecordManager* m_fileRecordManager = nullptr;
+    FilePlaybackManager* m_filePlaybackManager = nullptr;
+    QSlider* m_playbackSlider = nullptr;
+    CurrentDirectoryWidget* m_currentDirectoryWidget = nullptr;
     QDockWidget* m_messageWindowDock = nullptr;
     MessageWindow* m_messageWindow = nullptr;
     QDockWidget* m_scanLogWindowDock = nullptr;

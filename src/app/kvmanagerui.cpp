@@ -58,6 +58,11 @@ void KvManagerUi::setupUi(QMainWindow* window)
     actionClose = makeAction(window, "actionClose", "close");
     actionClose->setShortcut(QKeySequence::Close);
     actionClose->setEnabled(false);
+    actionExport = makeAction(window, "actionExport");
+    actionExport->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_E));
+    actionExport->setEnabled(false);
+    actionBatchExport = makeAction(window, "actionBatchExport");
+    actionBatchExport->setShortcut(QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_E));
     actionExit = makeAction(window, "actionExit", "exit");
     actionExit->setShortcut(QKeySequence::Quit);
     actionExit->setMenuRole(QAction::QuitRole);
@@ -149,6 +154,9 @@ void KvManagerUi::setupUi(QMainWindow* window)
         menuRecentFiles->addAction(action);
     menuFile->addAction(actionClose);
     menuFile->addSeparator();
+    menuFile->addAction(actionExport);
+    menuFile->addAction(actionBatchExport);
+    menuFile->addSeparator();
     menuFile->addAction(actionExit);
 
     menuDevice = menuBar->addMenu(QString());
@@ -233,6 +241,10 @@ void KvManagerUi::retranslateUi()
     actionOpen->setStatusTip(tr("Open a recording (kvb, nm or bin file)"));
     actionClose->setText(tr("&Close File"));
     actionClose->setStatusTip(tr("Close the open recording"));
+    actionExport->setText(tr("&Export..."));
+    actionExport->setStatusTip(tr("Export the open recording through an exporter plug-in"));
+    actionBatchExport->setText(tr("&Batch Export..."));
+    actionBatchExport->setStatusTip(tr("Export several recordings in one run"));
     actionExit->setText(tr("E&xit"));
     actionScanAllPorts->setText(tr("Scan &All Ports"));
     actionScanAllPorts->setStatusTip(tr("Search every port for devices and open them"));

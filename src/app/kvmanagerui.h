@@ -36,6 +36,8 @@ struct KvManagerUi
 
     QAction* actionOpen = nullptr;
     QAction* actionClose = nullptr;
+    QAction* actionExport = nullptr;
+    QAction* actionBatchExport = nullptr;
     QAction* actionExit = nullptr;
     QAction* recentFileActions[recentFileSlots] = {};
 

@@ -21,12 +21,12 @@ DeviceDialogManager::~DeviceDialogManager()
 NdaDeviceObserverDialog* DeviceDialogManager::dialog(const NvDeviceId& id) const
 {
     const auto it = m_dialogs.find(id);
-    return it == m_dialogs.end() ? nullptr : it->second.data();
+    return it == m_dialogs.end() ? nullptr : it->second.dialog.data();
 }
 
 void DeviceDialogManager::addDialog(const NvDeviceId& id, NdaDeviceObserverDialog* dialog)
 {
-    m_dialogs[id] = dialog;
+    m_dialogs[id] = Entry{dialog, dialog};
     connect(dialog, &QObject::destroyed, this, [this, id](QObject* d) { forget(id, d); });
     connect(dialog, &NdaDeviceObserverDialog::observerDestroyed, this,
             [this](const NvDeviceId& gone, NdaDeviceObserverDialog* d) { forget(gone, d); });
@@ -35,7 +35,7 @@ void DeviceDialogManager::addDialog(const NvDeviceId& id, NdaDeviceObserverDialo
 void DeviceDialogManager::forget(const NvDeviceId& id, QObject* dialog)
 {
     const auto it = m_dialogs.find(id);
-    if (it != m_dialogs.end() && (it->second.isNull() || it->second.data() == dialog))
+    if (it != m_dialogs.end() && (it->second.dialog.isNull() || it->second.object == dialog))
         m_dialogs.erase(it);
 }
 
@@ -44,7 +44,7 @@ void DeviceDialogManager::closeAll()
     auto dialogs = m_dialogs;
     m_dialogs.clear();
     for (auto& entry : dialogs)
-        delete entry.second.data();
+        delete entry.second.dialog.data();
 }
 
 KvSettingsDialogManager::KvSettingsDialogManager(NdaControl& control, QObject* parent)

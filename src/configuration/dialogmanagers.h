@@ -32,8 +32,13 @@ public:
 private:
     void forget(const NvDeviceId& id, QObject* dialog);
 
+    struct Entry
+    {
+        QPointer<NdaDeviceObserverDialog> dialog;
+        const QObject* object = nullptr; // compared only, never used: it may be mid-destruction
+    };
     NdaControl& m_control;
-    std::map<NvDeviceId, QPointer<NdaDeviceObserverDialog>> m_dialogs;
+    std::map<NvDeviceId, Entry> m_dialogs;
 };
 
 class KvSettingsDialogManager : public DeviceDialogManager

@@ -206,6 +206,33 @@ bool DeviceController::abortFlushingAll()
     return abortFlushing(m_control.mainDeviceIds());
 }
 
+bool DeviceController::startRecording(const NvDeviceIdArray& ids)
+{
+    if (m_pendingJobs == 0)
+        return startRecordingNow(ids);
+    // Devices on their way into measurement are recorded once there. The starts themselves
+    // use wrappers, so they run on the GUI thread when the worker has got this far.
+    queue([] { return true; }, [this, ids] { startRecordingNow(ids); });
+    return true;
+}
+
+bool DeviceController::startRecordingAll()
+{
+    return startRecording(m_control.mainDeviceIds());
+}
+
+bool DeviceController::startRecordingNow(const NvDeviceIdArray& ids)
+{
+    const NvDeviceIdArray mainIds = m_control.mainDeviceIds();
+    const std::set<NvDeviceId> mainSet(mainIds.begin(), mainIds.end());
+    NvDeviceIdArray measuring;
+    for (const NvDeviceId& id : ids)
+        if (mainSet.count(id) && m_control.isMeasuring(id))
+            measuring.push_back(id);
+    return forAll(m_control.requestDeviceSelection(measuring),
+                  [this](NdaDevice& device) { return startRecording(device); });
+}
+
 bool DeviceController::gotoConfig(NdaDevice& device)
 {
     return stopMeasuring({device.deviceId()});

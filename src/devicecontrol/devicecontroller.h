@@ -58,6 +58,14 @@ public:
     bool stopRecordingAll();
     bool abortFlushing(const NvDeviceIdArray& ids);
     bool abortFlushingAll();
+    // Every measuring main device of `ids` starts recording through startRecording(device),
+    // followers of a synchronisation signal before its sources, so that a device waiting for
+    // a start trigger is armed before the trigger can come (trackers record with their
+    // master). While mode changes are pending the starts wait for them, in the order asked
+    // for, and the answer is true; otherwise they happen now and the answer is whether all
+    // started. Files that cannot be made go to the host's onOpenFileFailed.
+    bool startRecording(const NvDeviceIdArray& ids);
+    bool startRecordingAll();
 
     // One device.
     bool gotoConfig(NdaDevice& device);
@@ -96,6 +104,8 @@ private:
     bool startMeasuring(const NvDeviceIdArray& ordered);
     // Stops recording and measurement on each device in turn.
     bool stopMeasuring(const NvDeviceIdArray& ordered);
+    // Starts recording on the measuring main devices of `ids`, in synchronisation order.
+    bool startRecordingNow(const NvDeviceIdArray& ids);
     // Runs `job` on the worker thread after what was queued before (it answers success),
     // then `after` on the GUI thread.
     void queue(std::function<bool()> job, std::function<void()> after = {});

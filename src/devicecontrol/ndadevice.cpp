@@ -783,6 +783,20 @@ NvDataPacket NdaDevice::dataPacketByIndex(qint64 index) const
     return packet;
 }
 
+quint64 NdaDevice::hostTimeByIndex(qint64 index) const
+{
+    NDA_DEVICE_OR(0)
+    uint64_t utcNs = 0;
+    NvDevice_hostTimeByIndex(dev, index, &utcNs);
+    return utcNs;
+}
+
+void NdaDevice::deliverPlaybackPacket(const NvDataPacket& packet)
+{
+    if (!packet.isEmpty())
+        emit postProcessed(packet);
+}
+
 int NdaDevice::syncRole() const
 {
     // Followers of a synchronisation signal before the devices that give it; a master

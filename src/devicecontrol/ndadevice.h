@@ -124,6 +124,11 @@ public:
     // Packets of a loaded file device.
     qint64 packetCount() const;
     NvDataPacket dataPacketByIndex(qint64 index) const;
+    // Playback hands a file's packets to the views as postProcessed; outside the bridge's
+    // delivery currentPacketArrival() is 0, which tells the views the packet is recorded.
+    void deliverPlaybackPacket(const NvDataPacket& packet);
+    // Host UTC time (ns since 1970) the packet was read at; 0 when the file does not say.
+    quint64 hostTimeByIndex(qint64 index) const;
     // Where the device stands in synchronisation: lower follows, higher gives the signal.
     int syncRole() const;
 

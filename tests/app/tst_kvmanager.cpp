@@ -1,8 +1,13 @@
+#include "abstractexporter.h"
+#include "currentdirectorywidget.h"
 #include "deviceitem.h"
 #include "devicelist.h"
 #include "devicemodel.h"
 #include "dialogmanagers.h"
+#include "exportworker.h"
 #include "fakeport.h"
+#include "fileplaybackmanager.h"
+#include "filerecordmanager.h"
 #include "hardwarescanner.h"
 #include "journaller.h"
 #include "kvmanager.h"
@@ -11,6 +16,7 @@
 #include "kvsimharness.h"
 #include "messagewindow.h"
 #include "plotmanager.h"
+#include "pluginmanager.h"
 #include "settingsdialog.h"
 #include "timeseriesviewers.h"
 #include "viewmanager.h"
@@ -105,6 +111,8 @@ private slots:
     void viewsFollowTheSelectionAndTheToggles();
     void outputChosenInTheSettingsDialogReachesTheViews();
     void optionsTakeEffectWhenApplied();
+    void recordButtonRecordsIntoTheChosenFolder();
+    void recordPlayBackAndExportEverySample();
 
 private:
     std::unique_ptr<KvManager> m_window;
@@ -951,4 +959,189 @@ void TestKvManager::optionsTakeEffectWhenApplied()
     QVERIFY(seen);
     QVERIFY(m_window->plotManager()->options().strobes);
     QCOMPARE(QSettings().value(QStringLiteral("graphStyle")).toInt(), 256);
+}
+
+void TestKvManager::recordButtonRecordsIntoTheChosenFolder()
+{
+    kvtest::KvsimProcess sim({"--device", "ahrs", "--quiet"});
+    QVERIFY(sim.started());
+    qputenv("XDG_RUNTIME_DIR", QByteArray::fromStdString(sim.runtimeDir()));
+    qputenv("NV_SCAN_SYSTEM_PORTS", "0");
+    const auto unset = qScopeGuard([] {
+        qunsetenv("XDG_RUNTIME_DIR");
+        qunsetenv("NV_SCAN_SYSTEM_PORTS");
+    });
+    ModalCloser closer;
+    QTemporaryDir folder;
+    m_window.reset();
+    QSettings().setValue(QStringLiteral("recordingDirectory"), folder.path());
+    QSettings().setValue(QStringLiteral("openViewTypes"), QVariantList{});
+    m_window = std::make_unique<KvManager>(UpdateServerOptions());
+    QVERIFY(QTest::qWaitForWindowExposed(m_window.get()));
+    QCOMPARE(m_window->fileRecordManager()->currentDirectory(), folder.path());
+    QVERIFY(!m_window->ui().actionRecord->isEnabled()); // nothing measures yet
+    m_window->doScanAllPorts();
+    const NvDeviceId ahrs = NvDeviceId::fromString(sim.ports()[0].id);
+    QTRY_VERIFY_WITH_TIMEOUT(m_window->ndaControl()->isMeasuring(ahrs), 20000);
+    QTRY_VERIFY(m_window->ui().actionRecord->isEnabled());
+
+    m_window->ui().actionRecord->trigger();
+    QTRY_VERIFY_WITH_TIMEOUT(m_window->fileRecordManager()->recordingState(), 10000);
+    QVERIFY(m_window->ui().actionRecord->isChecked());
+    QTRY_COMPARE(m_window->recordingIndicatorText(), QStringLiteral("REC [1]"));
+    QVERIFY(!m_window->currentDirectoryWidget()->isEnabled());
+    QTest::qWait(500);
+    m_window->ui().actionRecord->trigger();
+    QTRY_VERIFY_WITH_TIMEOUT(!m_window->fileRecordManager()->recordingState(), 10000);
+    QVERIFY(!m_window->ui().actionRecord->isChecked());
+    QTRY_COMPARE(m_window->recordingIndicatorText(), QString());
+
+    // The default pattern: the device, then the first free trial number.
+    const QFileInfo file(
+        QDir(folder.path())
+            .filePath(
+                QStringLiteral("KV_%1_000.kvb").arg(QString::fromStdString(ahrs.toString()))));
+    QTRY_VERIFY(file.exists());
+    QTRY_VERIFY(QFileInfo(file.filePath()).size() > 1000);
+    QVERIFY2(closer.texts.isEmpty(), qPrintable(closer.texts.join(QLatin1Char('/'))));
+}
+
+// The whole journey: record emulated devices with the record button, open the recording,
+// play it back into a view, export it with the text plug-in, and find every sample the
+// devices sent in the file, in order, each value within its format's resolution.
+void TestKvManager::recordPlayBackAndExportEverySample()
+{
+    QTemporaryDir folder;
+    const QString truthPath = folder.filePath(QStringLiteral("truth.csv"));
+    kvtest::KvsimProcess sim(
+        {"--device", "ahrs", "--device", "gnss", "--truth", truthPath.toStdString(), "--quiet"});
+    QVERIFY(sim.started());
+    qputenv("XDG_RUNTIME_DIR", QByteArray::fromStdString(sim.runtimeDir()));
+    qputenv("NV_SCAN_SYSTEM_PORTS", "0");
+    const auto unset = qScopeGuard([] {
+        qunsetenv("XDG_RUNTIME_DIR");
+        qunsetenv("NV_SCAN_SYSTEM_PORTS");
+    });
+    ModalCloser closer;
+    m_window.reset();
+    QSettings().setValue(QStringLiteral("recordingDirectory"), folder.path());
+    QSettings().setValue(QStringLiteral("openViewTypes"), QVariantList{InertialView});
+    QSettings().setValue(QStringLiteral("filePlayAllDataFast"), true);
+    QSettings().setValue(QStringLiteral("filePlayRealtime"), false);
+    m_window = std::make_unique<KvManager>(UpdateServerOptions());
+    QVERIFY(QTest::qWaitForWindowExposed(m_window.get()));
+    m_window->doScanAllPorts();
+    const NvDeviceId ahrs = NvDeviceId::fromString(sim.ports()[0].id);
+    const NvDeviceId gnss = NvDeviceId::fromString(sim.ports()[1].id);
+    QTRY_VERIFY_WITH_TIMEOUT(m_window->ndaControl()->isMeasuring(ahrs) &&
+                                 m_window->ndaControl()->isMeasuring(gnss),
+                             20000);
+
+    // Record two seconds.
+    m_window->ui().actionRecord->trigger();
+    QTRY_VERIFY_WITH_TIMEOUT(m_window->fileRecordManager()->recordingState(), 10000);
+    QTest::qWait(2000);
+    m_window->ui().actionRecord->trigger();
+    QTRY_VERIFY_WITH_TIMEOUT(!m_window->fileRecordManager()->recordingState(), 10000);
+    const QString recording =
+        QDir(folder.path())
+            .filePath(QStringLiteral("KV_%1_000.kvb").arg(QString::fromStdString(ahrs.toString())));
+    QTRY_VERIFY(QFileInfo(recording).size() > 10000);
+
+    // Open it: the live devices make way, the recording's device shows in the tree.
+    m_window->loadFile(recording);
+    FilePlaybackManager* playback = m_window->filePlaybackManager();
+    QTRY_VERIFY_WITH_TIMEOUT(playback->isFileLoaded() && !playback->isLoading(), 20000);
+    QCOMPARE(m_window->currentFileName(), recording);
+    QVERIFY(m_window->windowTitle().contains(recording));
+    QVERIFY(m_window->ui().actionExport->isEnabled());
+    QTRY_COMPARE(m_window->deviceModel()->rowCount(), 1);
+    QVERIFY(playback->frameCount() >= 150); // two seconds at 100 Hz
+
+    // Play it back as fast as it goes: the inertial view gets the samples.
+    QTRY_COMPARE_WITH_TIMEOUT(m_window->viewManager()->viewCountInfo(InertialView, ahrs), 1u,
+                              10000);
+    auto* view = qobject_cast<InertialDataViewer*>(
+        m_window->viewManager()->viewList(InertialView, ahrs).first().data());
+    QVERIFY(view);
+    m_window->ui().actionPlay->trigger();
+    QTRY_VERIFY_WITH_TIMEOUT(!playback->isPlaying(), 20000);
+    QCOMPARE(playback->currentFrameIndex() + 1, playback->frameCount());
+    QCOMPARE(m_window->playbackSlider()->value(), m_window->playbackSlider()->maximum());
+    QVERIFY(view->packetsProcessed() >= playback->frameCount() - 1);
+    QVERIFY(!std::isnan(view->latestValues().value(0)));
+
+    // Export with the text plug-in.
+    AbstractExporterFactory* text = nullptr;
+    for (AbstractExporterFactory* f :
+         m_window->pluginManager()->pluginsOf<AbstractExporterFactory>())
+        if (f->name() == QLatin1String("text"))
+            text = f;
+    QVERIFY2(text, "the text exporter is installed next to the application");
+    ExportWorker worker(*m_window->ndaControl());
+    worker.setExporterFactory(text);
+    worker.setFileName(recording);
+    worker.setOutputFolder(folder.path());
+    worker.run();
+    QCOMPARE(worker.outcome(), ExportWorker::Completed);
+    QCOMPARE(worker.writtenFiles().size(), 1);
+
+    QFile csvFile(worker.writtenFiles().first());
+    QVERIFY(csvFile.open(QIODevice::ReadOnly | QIODevice::Text));
+    QStringList header;
+    QList<QStringList> rows;
+    while (!csvFile.atEnd()) {
+        const QString line = QString::fromUtf8(csvFile.readLine()).trimmed();
+        if (line.startsWith(QLatin1String("//")))
+            continue;
+        if (header.isEmpty())
+            header = line.split(QLatin1Char(','));
+        else
+            rows << line.split(QLatin1Char(','));
+    }
+    const auto column = [&header](const QString& prefix) {
+        for (int i = 0; i < header.size(); ++i)
+            if (header[i].startsWith(prefix))
+                return i;
+        return -1;
+    };
+    const int stf = column(QStringLiteral("SampleTimeFine"));
+    const int counter = column(QStringLiteral("PacketCounter"));
+    const int accX = column(QStringLiteral("Acc_"));
+    const int q0 = column(QStringLiteral("Quat_q0"));
+    QVERIFY(stf >= 0 && counter >= 0 && accX >= 0 && q0 >= 0);
+
+    QTest::qWait(400); // the truth file is written every 200 ms
+    kvtest::TruthTable truth;
+    QVERIFY(truth.load(truthPath.toStdString()));
+    std::map<long long, const std::vector<std::string>*> sent;
+    for (const auto* row : truth.rowsOf(ahrs.toString()))
+        if (truth.text(*row, "output") == "binary" && truth.text(*row, "status") == "sent")
+            sent[(long long)truth.number(*row, "sample_time_fine")] = row;
+    long long previous = -1;
+    for (const QStringList& row : rows) {
+        const long long ticks = row[stf].toLongLong();
+        QVERIFY2(ticks > previous, "in order");
+        previous = ticks;
+        const auto found = sent.find(ticks);
+        QVERIFY2(found != sent.end(), qPrintable(QStringLiteral("sample at %1").arg(ticks)));
+        const auto& t = *found->second;
+        QCOMPARE(row[counter].toLongLong(), (long long)truth.number(t, "counter") % 65536);
+        const std::pair<int, const char*> checks[] = {
+            {accX, "acc_x"}, {accX + 1, "acc_y"}, {accX + 2, "acc_z"}, {q0, "q0"}};
+        for (const auto& [c, name] : checks) {
+            const double expected = truth.number(t, name);
+            // float32: 2^-24 relative.
+            QVERIFY2(std::abs(row[c].toDouble() - expected) <=
+                         std::abs(expected) * std::ldexp(1.0, -23) + 1e-12,
+                     name);
+        }
+    }
+    // None missing between the first and the last exported sample.
+    const long long first = rows.first()[stf].toLongLong();
+    int expectedRows = 0;
+    for (auto it = sent.lower_bound(first); it != sent.end() && it->first <= previous; ++it)
+        ++expectedRows;
+    QCOMPARE(rows.size(), expectedRows);
+    QVERIFY2(closer.texts.isEmpty(), qPrintable(closer.texts.join(QLatin1Char('/'))));
 }
