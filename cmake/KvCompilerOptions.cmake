@@ -61,3 +61,20 @@ function(kv_add_qt_test name)
         TIMEOUT ${ARG_TIMEOUT}
         ENVIRONMENT "QT_QPA_PLATFORM=offscreen;QT_LOGGING_TO_CONSOLE=1;${ARG_ENV}")
 endfunction()
+
+# One Qt Test program per tst_*.cpp of the calling folder, each run offscreen against
+# kvsim devices through the harness in tests/kvsim.
+function(kv_add_kvsim_qt_tests)
+    cmake_parse_arguments(ARG "" "" "LIBS" ${ARGN})
+    find_package(GTest REQUIRED) # the harness reports through it
+    file(GLOB tests CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/tst_*.cpp)
+    foreach(source ${tests})
+        get_filename_component(name ${source} NAME_WE)
+        kv_add_qt_test(${name} SOURCES ${source}
+            ${CMAKE_SOURCE_DIR}/tests/kvsim/kvsimharness.cpp
+            LIBS ${ARG_LIBS} GTest::gtest TIMEOUT 180)
+        target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests/kvsim)
+        target_compile_definitions(${name} PRIVATE KVSIM_BINARY="$<TARGET_FILE:kvsim>")
+        add_dependencies(${name} kvsim)
+    endforeach()
+endfunction()

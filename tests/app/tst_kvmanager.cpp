@@ -15,6 +15,7 @@
 #include "kvsettingsoptionspage.h"
 #include "kvsimharness.h"
 #include "messagewindow.h"
+#include "modalcloser.h"
 #include "plotmanager.h"
 #include "pluginmanager.h"
 #include "settingsdialog.h"
@@ -51,25 +52,7 @@
 #include <algorithm>
 #include <memory>
 
-// Closes every modal box that opens while it lives and remembers what they said.
-class ModalCloser : public QObject
-{
-public:
-    ModalCloser()
-    {
-        connect(&m_timer, &QTimer::timeout, this, [this] {
-            if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget())) {
-                texts.append(box->windowTitle() + QLatin1Char('|') + box->text());
-                box->done(QMessageBox::Ok);
-            }
-        });
-        m_timer.start(10);
-    }
-    QStringList texts;
-
-private:
-    QTimer m_timer;
-};
+using kvtest::ModalCloser;
 
 class TestKvManager : public QObject
 {
@@ -347,11 +330,11 @@ void TestKvManager::failureEventsShowTheirBoxes()
     m_window->handleExportDeviceFailed(QStringLiteral("/data/y.kvb"));
     m_window->onRecordFailed();
     // Nothing is shown synchronously: the entry points only post.
-    QVERIFY(closer.texts.isEmpty());
-    QTRY_COMPARE(closer.texts.size(), 3);
-    QCOMPARE(closer.texts, QStringList({"Error|Failed to open file: '/data/x.kvb'.",
-                                        "Error|Failed to export device: '/data/y.kvb'.",
-                                        "Error|Failed to start recording."}));
+    QVERIFY(closer.titled.isEmpty());
+    QTRY_COMPARE(closer.titled.size(), 3);
+    QCOMPARE(closer.titled, QStringList({"Error|Failed to open file: '/data/x.kvb'.",
+                                         "Error|Failed to export device: '/data/y.kvb'.",
+                                         "Error|Failed to start recording."}));
 }
 
 void TestKvManager::customEventTypesAreDistinctAndOrdered()
@@ -382,7 +365,7 @@ void TestKvManager::fileLoadErrorRemovesRecentFileAndTellsUser()
     QCOMPARE(visibleRecentTexts(*m_window), QStringList{"&1 keep.kvb"});
     QCOMPARE(m_window->messageWindow()->lines().last(),
              QStringLiteral("Failed to load file: '/data/broken.kvb': 'Bad'"));
-    QCOMPARE(closer.texts,
+    QCOMPARE(closer.titled,
              QStringList{"Failed to load file|Filename: /data/broken.kvb\nError: Bad"});
 }
 
@@ -391,7 +374,7 @@ void TestKvManager::missingFileReportsOpenFailure()
     ModalCloser closer;
     const QString path = m_files.filePath(QStringLiteral("never-written.kvb"));
     m_window->loadFile(path);
-    QTRY_COMPARE(closer.texts, QStringList{"Error|Failed to open file: '" + path + "'."});
+    QTRY_COMPARE(closer.titled, QStringList{"Error|Failed to open file: '" + path + "'."});
 }
 
 void TestKvManager::forcedMessageShowsHiddenMessageWindow()
@@ -915,7 +898,7 @@ void TestKvManager::outputChosenInTheSettingsDialogReachesTheViews()
     if (const QByteArray dir = qgetenv("KV_SCREENSHOT_DIR"); !dir.isEmpty())
         dialog->grab().save(QString::fromLocal8Bit(dir) + QStringLiteral("/settings-dialog.png"));
     dialog->applyButton()->click();
-    QVERIFY2(closer.texts.isEmpty(), qPrintable(closer.texts.join(QLatin1Char('/'))));
+    QVERIFY2(closer.titled.isEmpty(), qPrintable(closer.titled.join(QLatin1Char('/'))));
 
     // The device measures again with the new output; a view opened now shows acceleration
     // and never a rate of turn.
@@ -1003,7 +986,7 @@ void TestKvManager::recordButtonRecordsIntoTheChosenFolder()
                 QStringLiteral("KV_%1_000.kvb").arg(QString::fromStdString(ahrs.toString()))));
     QTRY_VERIFY(file.exists());
     QTRY_VERIFY(QFileInfo(file.filePath()).size() > 1000);
-    QVERIFY2(closer.texts.isEmpty(), qPrintable(closer.texts.join(QLatin1Char('/'))));
+    QVERIFY2(closer.titled.isEmpty(), qPrintable(closer.titled.join(QLatin1Char('/'))));
 }
 
 // The whole journey: record emulated devices with the record button, open the recording,
@@ -1143,5 +1126,5 @@ void TestKvManager::recordPlayBackAndExportEverySample()
     for (auto it = sent.lower_bound(first); it != sent.end() && it->first <= previous; ++it)
         ++expectedRows;
     QCOMPARE(rows.size(), expectedRows);
-    QVERIFY2(closer.texts.isEmpty(), qPrintable(closer.texts.join(QLatin1Char('/'))));
+    QVERIFY2(closer.titled.isEmpty(), qPrintable(closer.titled.join(QLatin1Char('/'))));
 }

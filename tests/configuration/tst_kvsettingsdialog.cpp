@@ -5,6 +5,7 @@
 #include "dialogmanagers.h"
 #include "kvsettingsdialog.h"
 #include "kvsimharness.h"
+#include "modalcloser.h"
 #include "ndacontrol.h"
 #include "ndadevice.h"
 #include "ndametatypes.h"
@@ -22,35 +23,11 @@
 
 #include <memory>
 
+using kvtest::idOfKind;
+
+using kvtest::ModalCloser;
+
 namespace {
-
-NvDeviceId idOfKind(const kvtest::KvsimProcess& sim, const std::string& kind)
-{
-    for (const auto& port : sim.ports())
-        if (port.kind == kind)
-            return NvDeviceId::fromString(port.id);
-    return {};
-}
-
-// Closes every modal box that opens while it lives and remembers what it said.
-class ModalCloser : public QObject
-{
-public:
-    ModalCloser()
-    {
-        connect(&m_timer, &QTimer::timeout, this, [this] {
-            if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget())) {
-                texts.append(box->windowTitle() + QLatin1Char('|') + box->text());
-                box->done(QMessageBox::Ok);
-            }
-        });
-        m_timer.start(10);
-    }
-    QStringList texts;
-
-private:
-    QTimer m_timer;
-};
 
 QStringList pageNames(const KvSettingsDialog& dialog)
 {
@@ -171,7 +148,7 @@ void TestKvSettingsDialog::eachKindGetsItsPagesAndButtons()
         QVERIFY(wireless.loadButton()->isHidden());
         QVERIFY(!wireless.revertButton()->isHidden());
     }
-    QVERIFY2(closer.texts.isEmpty(), qPrintable(closer.texts.join(QLatin1Char('\n'))));
+    QVERIFY2(closer.titled.isEmpty(), qPrintable(closer.titled.join(QLatin1Char('\n'))));
 }
 
 void TestKvSettingsDialog::applyWritesOnlyChangedPagesInOrder()
@@ -218,7 +195,7 @@ void TestKvSettingsDialog::applyWritesOnlyChangedPagesInOrder()
     QCOMPARE(arm->value(), 1.25);
     QTRY_VERIFY(m_control->isMeasuring(m_gnss));
     m_control->setOptionEnabled(NVO_REPORT_MESSAGES, false);
-    QVERIFY2(closer.texts.isEmpty(), qPrintable(closer.texts.join(QLatin1Char('\n'))));
+    QVERIFY2(closer.titled.isEmpty(), qPrintable(closer.titled.join(QLatin1Char('\n'))));
 }
 
 void TestKvSettingsDialog::saveWithPendingChangesWritesThemFirst()
@@ -247,7 +224,7 @@ void TestKvSettingsDialog::saveWithPendingChangesWritesThemFirst()
     dialog.setNvaFilename(m_files.filePath(QStringLiteral("no/such/folder/x.nva")));
     dialog.handleSaveToNvaTriggered();
     QTRY_VERIFY(
-        closer.texts.contains(QStringLiteral("Warning|Configuration not correctly saved.")));
+        closer.titled.contains(QStringLiteral("Warning|Configuration not correctly saved.")));
 }
 
 void TestKvSettingsDialog::settingsFileMovesToAnotherDevice()
@@ -274,7 +251,7 @@ void TestKvSettingsDialog::settingsFileMovesToAnotherDevice()
     f.close();
     other.loadFromNva(junk);
     QTRY_VERIFY(
-        closer.texts.contains(QStringLiteral("Warning|Configuration not correctly applied.")));
+        closer.titled.contains(QStringLiteral("Warning|Configuration not correctly applied.")));
     QCOMPARE(device(m_ahrs2).locationId(), 31);
 }
 
@@ -322,7 +299,7 @@ void TestKvSettingsDialog::modelingAndDevicePagesReachTheDevice()
     auto* modeling = imuLike.page("ModelingParams");
     QVERIFY(modeling->findChild<QWidget*>(QStringLiteral("gnssModel"))->isHidden());
     QVERIFY(!modeling->findChild<QWidget*>(QStringLiteral("noModelLabel"))->isHidden());
-    QVERIFY2(closer.texts.isEmpty(), qPrintable(closer.texts.join(QLatin1Char('\n'))));
+    QVERIFY2(closer.titled.isEmpty(), qPrintable(closer.titled.join(QLatin1Char('\n'))));
 }
 
 void TestKvSettingsDialog::managerKeepsOneDialogPerDeviceAndClosesWithIt()
@@ -356,7 +333,7 @@ void TestKvSettingsDialog::revertRestoresFactoryDefaults()
     QCOMPARE(dialog.identificationPage()->locationId(), 55);
     QSignalSpy changed(&dialog, &KvSettingsDialog::deviceChanged);
     dialog.revertButton()->click();
-    QCOMPARE(closer.texts.value(0),
+    QCOMPARE(closer.titled.value(0),
              QStringLiteral("Revert Settings|Settings successfully restored"));
     QCOMPARE(changed.count(), 1);
     QCOMPARE(ahrs.locationId(), 0);

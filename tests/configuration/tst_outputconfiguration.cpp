@@ -4,6 +4,7 @@
 
 #include "frequencyslider.h"
 #include "kvsimharness.h"
+#include "modalcloser.h"
 #include "ndacontrol.h"
 #include "ndadevice.h"
 #include "ndametatypes.h"
@@ -26,35 +27,11 @@
 #include <memory>
 #include <vector>
 
+using kvtest::idOfKind;
+
+using kvtest::ModalCloser;
+
 namespace {
-
-NvDeviceId idOfKind(const kvtest::KvsimProcess& sim, const std::string& kind)
-{
-    for (const auto& port : sim.ports())
-        if (port.kind == kind)
-            return NvDeviceId::fromString(port.id);
-    return {};
-}
-
-// Answers every modal message box and keeps "title|text" of each.
-class ModalCloser : public QObject
-{
-public:
-    ModalCloser()
-    {
-        connect(&m_timer, &QTimer::timeout, this, [this] {
-            if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget())) {
-                texts.append(box->text());
-                box->done(QMessageBox::Ok);
-            }
-        });
-        m_timer.start(10);
-    }
-    QStringList texts;
-
-private:
-    QTimer m_timer;
-};
 
 template <class T>
 T* child(const QWidget& parent, const char* name)

@@ -21,13 +21,7 @@ inline bool openAll(NdaControl& control, const kvtest::KvsimProcess& sim)
     return true;
 }
 
-inline NvDeviceId idOfKind(const kvtest::KvsimProcess& sim, const std::string& kind)
-{
-    for (const auto& port : sim.ports())
-        if (port.kind == kind)
-            return NvDeviceId::fromString(port.id);
-    return {};
-}
+using kvtest::idOfKind;
 
 // Settings of the test program go to `folder`, never to the user's.
 inline void useSettingsFolder(const QTemporaryDir& folder, const QString& application)

@@ -7,6 +7,7 @@
 #include "exportdialog.h"
 #include "exportworker.h"
 #include "kvsimharness.h"
+#include "modalcloser.h"
 #include "ndacontrol.h"
 #include "ndametatypes.h"
 #include "pluginmanager.h"
@@ -29,27 +30,9 @@
 #include <map>
 #include <memory>
 
+using kvtest::ModalCloser;
+
 namespace {
-
-// Closes modal message boxes and keeps their texts.
-class ModalCloser : public QObject
-{
-public:
-    ModalCloser()
-    {
-        connect(&m_timer, &QTimer::timeout, this, [this] {
-            if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget())) {
-                texts.append(box->text());
-                box->done(QMessageBox::Ok);
-            }
-        });
-        m_timer.start(10);
-    }
-    QStringList texts;
-
-private:
-    QTimer m_timer;
-};
 
 struct Csv
 {

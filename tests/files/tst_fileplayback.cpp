@@ -26,17 +26,11 @@
 #include <memory>
 #include <thread>
 
+using kvtest::idOfKind;
+
 namespace {
 
 using namespace std::chrono_literals;
-
-NvDeviceId idOfKind(const kvtest::KvsimProcess& sim, const std::string& kind)
-{
-    for (const auto& port : sim.ports())
-        if (port.kind == kind)
-            return NvDeviceId::fromString(port.id);
-    return {};
-}
 
 template <typename Pred>
 bool waitUntil(Pred pred, std::chrono::milliseconds timeout)

@@ -2,6 +2,7 @@
 
 // Runs a real kvsim process and talks to its ports like a host would.
 
+#include <nvdeviceid.h>
 #include <nvframeparser.h>
 #include <nvmessage.h>
 
@@ -117,5 +118,15 @@ private:
     std::map<std::string, size_t> m_columns;
     std::vector<std::vector<std::string>> m_rows;
 };
+
+// The identifier of the first emulated device of `kind` ("ahrs", "master", ...); empty
+// when there is none.
+inline NvDeviceId idOfKind(const KvsimProcess& sim, const std::string& kind)
+{
+    for (const auto& port : sim.ports())
+        if (port.kind == kind)
+            return NvDeviceId::fromString(port.id);
+    return {};
+}
 
 } // namespace kvtest

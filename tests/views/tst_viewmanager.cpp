@@ -17,15 +17,9 @@
 
 #include <memory>
 
-namespace {
+using kvtest::idOfKind;
 
-NvDeviceId idOfKind(const kvtest::KvsimProcess& sim, const std::string& kind)
-{
-    for (const auto& port : sim.ports())
-        if (port.kind == kind)
-            return NvDeviceId::fromString(port.id);
-    return {};
-}
+namespace {
 
 // The registration the main window makes.
 void registerViews(ViewManager& vm)
