@@ -8,8 +8,8 @@
 #include "devicemodel.h"
 #include "dialogmanagers.h"
 #include "exportdialog.h"
-#include "filenamepattern.h"
 #include "fileloadingwidget.h"
+#include "filenamepattern.h"
 #include "fileplaybackmanager.h"
 #include "filerecordmanager.h"
 #include "hardwarescanner.h"
@@ -1080,9 +1080,18 @@ void KvManager::handleAfterConstructingView(ViewType, const NvDeviceId&) {}
 
 void KvManager::handleBeforeOpeningView(ViewType, const NvDeviceId&) {}
 
-void KvManager::handleAfterOpeningView(ViewType, const NvDeviceId&)
+void KvManager::handleAfterOpeningView(ViewType, const NvDeviceId& id)
 {
     statusBar()->clearMessage();
+    // A view of a recording that is not playing shows where playback stands.
+    FilePlaybackManager* p = m_filePlaybackManager;
+    if (p && p->isFileLoaded() && !p->isLoading() && (!p->isPlaying() || p->isPaused()) &&
+        p->fileDeviceIds().contains(id)) {
+        if (p->currentFrameIndex() == 0)
+            p->loadFirstOriDataFrame();
+        else
+            p->seekTo(p->currentFrameIndex());
+    }
 }
 
 void KvManager::handleViewOperationStarted(ViewManager::ViewOperation::Type, ViewType type)
