@@ -265,6 +265,15 @@ void KvManager::releaseHeldDevices()
 
 QString KvManager::deviceStatusText() const
 {
+    if (m_filePlaybackManager && m_filePlaybackManager->isFileLoaded()) {
+        // A recording: where playback stands instead of link figures.
+        const FilePlaybackManager* p = m_filePlaybackManager;
+        const quint64 frames = p->frameCount();
+        return tr("Recording, frame %1 of %2%3")
+            .arg(frames ? p->currentFrameIndex() + 1 : 0)
+            .arg(frames)
+            .arg(p->isPlaying() && !p->isPaused() ? tr(", playing") : QString());
+    }
     if (!m_ndaControl || m_heldDevices.empty())
         return tr("No devices");
     double packetsPerSecond = 0;
