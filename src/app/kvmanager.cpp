@@ -16,8 +16,12 @@
 #include "journaller.h"
 #include "kvmanagerhelpers.h"
 #include "kvsettingsdialog.h"
+#include "messagecomposerwidget.h"
+#include "messageviewerwidget.h"
 #include "messagewindow.h"
 #include "nivradeviceapi.h"
+#include "nvmessagesstructure.h"
+#include "packetviewerwidget.h"
 #include "plotmanager.h"
 #include "pluginmanager.h"
 #include "settingsdialog.h"
@@ -123,6 +127,7 @@ void KvManager::construct()
     constructDeviceList();
     constructViewManager();
     constructDialogManagers();
+    constructProtocolTools();
     constructFilePlaybackManager();
     constructFileRecordManager();
     constructPlotManager();
@@ -153,6 +158,7 @@ void KvManager::destruct()
     destructPlotManager();
     destructFileRecordManager();
     destructFilePlaybackManager();
+    destructProtocolTools();
     destructDialogManagers();
     destructViewManager();
     destructDeviceList();
@@ -694,6 +700,9 @@ void KvManager::handleDeviceSelectionChanged(const std::vector<NvDeviceId>& sele
     m_ui.actionMeasure->setEnabled(any);
     m_ui.actionConfigMode->setEnabled(any);
     m_ui.actionDeviceSettings->setEnabled(!m_selectedDevices.empty());
+    for (QAction* tool :
+         {m_ui.actionMessageViewer, m_ui.actionPacketViewer, m_ui.actionMessageComposer})
+        tool->setEnabled(!m_selectedDevices.empty());
     updateViewsForSelection(previous);
 }
 
@@ -721,6 +730,70 @@ void KvManager::destructDialogManagers()
     m_settingsDialogManager = nullptr;
     delete m_deviceDialogManager;
     m_deviceDialogManager = nullptr;
+}
+
+// ---- protocol tools ----------------------------------------------------------------------
+
+void KvManager::constructProtocolTools()
+{
+    m_messagesStructure = new NvMessagesStructure;
+    if (!m_messagesStructure->read())
+        journal(JLL_ALERT, QStringLiteral("No messages_structure.txt beside the program: the "
+                                          "protocol tools show raw bytes only"));
+    else if (!m_messagesStructure->parseErrors().empty())
+        journal(JLL_ALERT, QStringLiteral("messages_structure.txt: %1 entries do not parse")
+                               .arg(m_messagesStructure->parseErrors().size()));
+}
+
+void KvManager::destructProtocolTools()
+{
+    // The windows hold devices of the control: they go first.
+    for (const QPointer<QWidget>& w : std::as_const(m_toolWindows))
+        delete w.data();
+    m_toolWindows.clear();
+    delete m_messagesStructure;
+    m_messagesStructure = nullptr;
+}
+
+QList<QWidget*> KvManager::toolWindows() const
+{
+    QList<QWidget*> open;
+    for (const QPointer<QWidget>& w : m_toolWindows)
+        if (w)
+            open.append(w.data());
+    return open;
+}
+
+void KvManager::showToolWindow(QWidget* window)
+{
+    window->setParent(this, Qt::Window);
+    window->setAttribute(Qt::WA_DeleteOnClose);
+    window->resize(900, 560);
+    m_toolWindows.removeAll(QPointer<QWidget>());
+    m_toolWindows.append(window);
+    window->show();
+    window->raise();
+}
+
+void KvManager::openMessageViewer()
+{
+    if (!m_selectedDevices.empty())
+        showToolWindow(new MessageViewerWidget(*m_messagesStructure, *m_ndaControl,
+                                               m_selectedDevices.front()));
+}
+
+void KvManager::openPacketViewer()
+{
+    if (!m_selectedDevices.empty())
+        showToolWindow(
+            new PacketViewerWidget(*m_messagesStructure, *m_ndaControl, m_selectedDevices.front()));
+}
+
+void KvManager::openMessageComposer()
+{
+    if (!m_selectedDevices.empty())
+        showToolWindow(new MessageComposerWidget(*m_messagesStructure, *m_ndaControl,
+                                                 m_selectedDevices.front()));
 }
 
 // ---- playback ----------------------------------------------------------------------------
@@ -1197,6 +1270,9 @@ void KvManager::connectUi()
     connect(m_ui.actionDeviceSettings, &QAction::triggered, this,
             qOverload<>(&KvManager::openDeviceSettings));
     connect(m_ui.actionOptions, &QAction::triggered, this, &KvManager::showOptions);
+    connect(m_ui.actionMessageViewer, &QAction::triggered, this, &KvManager::openMessageViewer);
+    connect(m_ui.actionPacketViewer, &QAction::triggered, this, &KvManager::openPacketViewer);
+    connect(m_ui.actionMessageComposer, &QAction::triggered, this, &KvManager::openMessageComposer);
     connect(m_ui.actionRecord, &QAction::triggered, this, &KvManager::toggleRecording);
     connect(m_ui.actionExport, &QAction::triggered, this, &KvManager::exportFile);
     connect(m_ui.actionPlay, &QAction::triggered, this, [this] {
@@ -1555,6 +1631,9 @@ void KvManager::closeEvent(QCloseEvent* event)
 {
     QApplication::setOverrideCursor(Qt::WaitCursor);
     m_viewManager->clearViews();
+    for (const QPointer<QWidget>& w : std::as_const(m_toolWindows))
+        delete w.data();
+    m_toolWindows.clear();
     m_ndaControl->abortScanForHardware();
     m_ndaControl->close();
     saveWindowSettings();

@@ -10,6 +10,7 @@
 #include <QEvent>
 #include <QIODevice>
 #include <QMainWindow>
+#include <QPointer>
 #include <QStringList>
 
 #include <set>
@@ -26,6 +27,7 @@ class PlotManager;
 class CurrentDirectoryWidget;
 class FileRecordManager;
 class FilePlaybackManager;
+class NvMessagesStructure;
 class QSlider;
 class DeviceDialogManager;
 class KvSettingsDialogManager;
@@ -147,6 +149,9 @@ public:
     KvSettingsDialogManager* settingsDialogManager() const { return m_settingsDialogManager; }
     FileRecordManager* fileRecordManager() const { return m_fileRecordManager; }
     FilePlaybackManager* filePlaybackManager() const { return m_filePlaybackManager; }
+    const NvMessagesStructure* messagesStructure() const { return m_messagesStructure; }
+    // The protocol tool windows now open.
+    QList<QWidget*> toolWindows() const;
     QSlider* playbackSlider() const { return m_playbackSlider; }
     CurrentDirectoryWidget* currentDirectoryWidget() const { return m_currentDirectoryWidget; }
     // The kinds of view the user wants for the selected devices (the checked toggles).
@@ -220,6 +225,10 @@ public slots:
     void exportFile();
     // File > Batch Export: several recordings in one run (the open one listed first).
     void batchExport();
+    // Tools > Message Viewer / Packet Viewer / Message Composer for the selected device.
+    void openMessageViewer();
+    void openPacketViewer();
+    void openMessageComposer();
     // Tools > Options: the application's options; applied ones take effect at once.
     void showOptions();
     // The settings dialog of the selected device (the first of several).
@@ -287,6 +296,10 @@ private:
     void registerViewPermissions();
     void constructDialogManagers();
     void destructDialogManagers();
+    void constructProtocolTools();
+    void destructProtocolTools();
+    // A protocol tool window for the selected device, closed with the devices.
+    void showToolWindow(QWidget* window);
     void constructFilePlaybackManager();
     void destructFilePlaybackManager();
     void updatePlaybackActions();
@@ -349,6 +362,8 @@ private:
     FileRecordManager* m_fileRecordManager = nullptr;
     FilePlaybackManager* m_filePlaybackManager = nullptr;
     QSlider* m_playbackSlider = nullptr;
+    NvMessagesStructure* m_messagesStructure = nullptr; // read once, at start
+    QList<QPointer<QWidget>> m_toolWindows;
     CurrentDirectoryWidget* m_currentDirectoryWidget = nullptr;
     QDockWidget* m_messageWindowDock = nullptr;
     MessageWindow* m_messageWindow = nullptr;

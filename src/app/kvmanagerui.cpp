@@ -130,6 +130,15 @@ void KvManagerUi::setupUi(QMainWindow* window)
     for (QAction* action : {actionPlay, actionPause, actionStop, actionToStart})
         action->setEnabled(false);
 
+    actionMessageViewer = makeAction(window, "actionMessageViewer");
+    actionMessageViewer->setShortcut(QKeySequence(Qt::CTRL | Qt::ALT | Qt::Key_M));
+    actionMessageViewer->setEnabled(false);
+    actionPacketViewer = makeAction(window, "actionPacketViewer");
+    actionPacketViewer->setShortcut(QKeySequence(Qt::CTRL | Qt::ALT | Qt::Key_P));
+    actionPacketViewer->setEnabled(false);
+    actionMessageComposer = makeAction(window, "actionMessageComposer");
+    actionMessageComposer->setShortcut(QKeySequence(Qt::CTRL | Qt::ALT | Qt::Key_C));
+    actionMessageComposer->setEnabled(false);
     actionNtripClient = makeAction(window, "actionNtripClient", "ntrip");
     actionNtripClient->setCheckable(true);
     actionNtripClient->setEnabled(false);
@@ -183,6 +192,10 @@ void KvManagerUi::setupUi(QMainWindow* window)
 
     menuTools = menuBar->addMenu(QString());
     menuTools->setObjectName(QStringLiteral("menuTools"));
+    menuTools->addAction(actionMessageViewer);
+    menuTools->addAction(actionPacketViewer);
+    menuTools->addAction(actionMessageComposer);
+    menuTools->addSeparator();
     menuTools->addAction(actionNtripClient);
     menuTools->addSeparator();
     menuTools->addAction(actionOptions);
@@ -270,6 +283,15 @@ void KvManagerUi::retranslateUi()
     actionPause->setText(tr("Pause"));
     actionStop->setText(tr("Stop"));
     actionToStart->setText(tr("Jump to Start"));
+    actionMessageViewer->setText(tr("&Message Viewer"));
+    actionMessageViewer->setStatusTip(
+        tr("Every message sent to and received from the selected device, decoded"));
+    actionPacketViewer->setText(tr("&Packet Viewer"));
+    actionPacketViewer->setStatusTip(
+        tr("The latest data packet of the selected device, item by item"));
+    actionMessageComposer->setText(tr("Message &Composer"));
+    actionMessageComposer->setStatusTip(
+        tr("Compose a message, send it to the selected device, see the reply"));
     actionNtripClient->setText(tr("&NTRIP Client"));
     actionNtripClient->setStatusTip(tr("Forward RTK corrections from a caster to a device"));
     actionOptions->setText(tr("&Options..."));

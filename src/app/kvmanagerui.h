@@ -61,6 +61,9 @@ struct KvManagerUi
     QAction* actionToStart = nullptr;
 
     QAction* actionNtripClient = nullptr;
+    QAction* actionMessageViewer = nullptr;
+    QAction* actionPacketViewer = nullptr;
+    QAction* actionMessageComposer = nullptr;
     QAction* actionOptions = nullptr;
 
     QAction* actionAbout = nullptr;

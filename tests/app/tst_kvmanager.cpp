@@ -16,6 +16,7 @@
 #include "kvsimharness.h"
 #include "messagewindow.h"
 #include "modalcloser.h"
+#include "nvmessagesstructure.h"
 #include "plotmanager.h"
 #include "pluginmanager.h"
 #include "settingsdialog.h"
@@ -96,6 +97,7 @@ private slots:
     void optionsTakeEffectWhenApplied();
     void recordButtonRecordsIntoTheChosenFolder();
     void recordPlayBackAndExportEverySample();
+    void protocolToolsOpenForTheSelectedDevice();
 
 private:
     std::unique_ptr<KvManager> m_window;
@@ -1126,5 +1128,42 @@ void TestKvManager::recordPlayBackAndExportEverySample()
     for (auto it = sent.lower_bound(first); it != sent.end() && it->first <= previous; ++it)
         ++expectedRows;
     QCOMPARE(rows.size(), expectedRows);
+    QVERIFY2(closer.titled.isEmpty(), qPrintable(closer.titled.join(QLatin1Char('/'))));
+}
+
+void TestKvManager::protocolToolsOpenForTheSelectedDevice()
+{
+    kvtest::KvsimProcess sim({"--device", "ahrs", "--quiet"});
+    QVERIFY(sim.started());
+    qputenv("XDG_RUNTIME_DIR", QByteArray::fromStdString(sim.runtimeDir()));
+    qputenv("NV_SCAN_SYSTEM_PORTS", "0");
+    const auto unset = qScopeGuard([] {
+        qunsetenv("XDG_RUNTIME_DIR");
+        qunsetenv("NV_SCAN_SYSTEM_PORTS");
+    });
+    ModalCloser closer;
+    // The definition file lies beside the program and describes every message.
+    QVERIFY(m_window->messagesStructure());
+    QVERIFY(!m_window->messagesStructure()->isEmpty());
+    QVERIFY(m_window->messagesStructure()->parseErrors().empty());
+    QVERIFY(!m_window->ui().actionMessageViewer->isEnabled());
+
+    m_window->doScanAllPorts();
+    QTRY_VERIFY_WITH_TIMEOUT(!m_window->selectedDevices().empty(), 20000);
+    for (QAction* tool : {m_window->ui().actionMessageViewer, m_window->ui().actionPacketViewer,
+                          m_window->ui().actionMessageComposer}) {
+        QVERIFY(tool->isEnabled());
+        tool->trigger();
+    }
+    const QList<QWidget*> windows = m_window->toolWindows();
+    QCOMPARE(windows.size(), 3);
+    const QString id = QString::fromStdString(m_window->selectedDevices().front().toString());
+    for (QWidget* w : windows) {
+        QVERIFY(w->isVisible());
+        QVERIFY2(w->windowTitle().contains(id), qPrintable(w->windowTitle()));
+    }
+    // Closing the main window takes them along before the devices go.
+    m_window->close();
+    QVERIFY(m_window->toolWindows().isEmpty());
     QVERIFY2(closer.titled.isEmpty(), qPrintable(closer.titled.join(QLatin1Char('/'))));
 }
