@@ -126,7 +126,10 @@ void TestKvdump::initTestCase()
         devices.push_back(dev);
         m_recordings << file;
     }
-    std::this_thread::sleep_for(2s);
+    // Long enough for the slow items (GNSS at 1-4 Hz) to come round many times; a minute
+    // (KVDUMP_TEST_SECONDS=60) takes some three minutes to check, too long for every run.
+    const int seconds = qEnvironmentVariableIntValue("KVDUMP_TEST_SECONDS");
+    std::this_thread::sleep_for(std::chrono::seconds(seconds > 0 ? seconds : 15));
     for (NvDevice* dev : devices) {
         QVERIFY(NvDevice_gotoConfig(dev));
         QVERIFY2(NvDevice_stopRecording(dev), NvControl_lastResultText(control));
