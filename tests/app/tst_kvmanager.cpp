@@ -1162,6 +1162,12 @@ void TestKvManager::protocolToolsOpenForTheSelectedDevice()
         QVERIFY(w->isVisible());
         QVERIFY2(w->windowTitle().contains(id), qPrintable(w->windowTitle()));
     }
+    if (const QByteArray dir = qgetenv("KV_SCREENSHOT_DIR"); !dir.isEmpty()) {
+        QTest::qWait(1500); // some traffic to show
+        for (QWidget* w : windows)
+            w->grab().save(QString::fromLocal8Bit(dir) + QLatin1Char('/') +
+                           w->metaObject()->className() + QStringLiteral(".png"));
+    }
     // Closing the main window takes them along before the devices go.
     m_window->close();
     QVERIFY(m_window->toolWindows().isEmpty());
