@@ -53,6 +53,24 @@
 #include <algorithm>
 #include <memory>
 
+// A scan finds only `sim`'s devices while this lives.
+class ScanOnly
+{
+public:
+    explicit ScanOnly(const kvtest::KvsimProcess& sim)
+    {
+        qputenv("XDG_RUNTIME_DIR", QByteArray::fromStdString(sim.runtimeDir()));
+        qputenv("NV_SCAN_SYSTEM_PORTS", "0");
+    }
+    ~ScanOnly()
+    {
+        qunsetenv("XDG_RUNTIME_DIR");
+        qunsetenv("NV_SCAN_SYSTEM_PORTS");
+    }
+    ScanOnly(const ScanOnly&) = delete;
+    ScanOnly& operator=(const ScanOnly&) = delete;
+};
+
 using kvtest::ModalCloser;
 
 class TestKvManager : public QObject
@@ -767,12 +785,7 @@ void TestKvManager::viewsFollowTheSelectionAndTheToggles()
 {
     kvtest::KvsimProcess sim({"--device", "ahrs", "--device", "gnss", "--quiet"});
     QVERIFY(sim.started());
-    qputenv("XDG_RUNTIME_DIR", QByteArray::fromStdString(sim.runtimeDir()));
-    qputenv("NV_SCAN_SYSTEM_PORTS", "0");
-    const auto unset = qScopeGuard([] {
-        qunsetenv("XDG_RUNTIME_DIR");
-        qunsetenv("NV_SCAN_SYSTEM_PORTS");
-    });
+    const ScanOnly scanOnly(sim);
     ModalCloser closer;
     // The kinds of view wanted last time come back.
     m_window.reset();
@@ -857,12 +870,7 @@ void TestKvManager::outputChosenInTheSettingsDialogReachesTheViews()
 {
     kvtest::KvsimProcess sim({"--device", "ahrs", "--quiet"});
     QVERIFY(sim.started());
-    qputenv("XDG_RUNTIME_DIR", QByteArray::fromStdString(sim.runtimeDir()));
-    qputenv("NV_SCAN_SYSTEM_PORTS", "0");
-    const auto unset = qScopeGuard([] {
-        qunsetenv("XDG_RUNTIME_DIR");
-        qunsetenv("NV_SCAN_SYSTEM_PORTS");
-    });
+    const ScanOnly scanOnly(sim);
     ModalCloser closer;
     m_window.reset();
     QSettings().setValue(QStringLiteral("openViewTypes"), QVariantList{InertialView});
@@ -950,12 +958,7 @@ void TestKvManager::recordButtonRecordsIntoTheChosenFolder()
 {
     kvtest::KvsimProcess sim({"--device", "ahrs", "--quiet"});
     QVERIFY(sim.started());
-    qputenv("XDG_RUNTIME_DIR", QByteArray::fromStdString(sim.runtimeDir()));
-    qputenv("NV_SCAN_SYSTEM_PORTS", "0");
-    const auto unset = qScopeGuard([] {
-        qunsetenv("XDG_RUNTIME_DIR");
-        qunsetenv("NV_SCAN_SYSTEM_PORTS");
-    });
+    const ScanOnly scanOnly(sim);
     ModalCloser closer;
     QTemporaryDir folder;
     m_window.reset();
@@ -1001,12 +1004,7 @@ void TestKvManager::recordPlayBackAndExportEverySample()
     kvtest::KvsimProcess sim(
         {"--device", "ahrs", "--device", "gnss", "--truth", truthPath.toStdString(), "--quiet"});
     QVERIFY(sim.started());
-    qputenv("XDG_RUNTIME_DIR", QByteArray::fromStdString(sim.runtimeDir()));
-    qputenv("NV_SCAN_SYSTEM_PORTS", "0");
-    const auto unset = qScopeGuard([] {
-        qunsetenv("XDG_RUNTIME_DIR");
-        qunsetenv("NV_SCAN_SYSTEM_PORTS");
-    });
+    const ScanOnly scanOnly(sim);
     ModalCloser closer;
     m_window.reset();
     QSettings().setValue(QStringLiteral("recordingDirectory"), folder.path());
@@ -1135,12 +1133,7 @@ void TestKvManager::protocolToolsOpenForTheSelectedDevice()
 {
     kvtest::KvsimProcess sim({"--device", "ahrs", "--quiet"});
     QVERIFY(sim.started());
-    qputenv("XDG_RUNTIME_DIR", QByteArray::fromStdString(sim.runtimeDir()));
-    qputenv("NV_SCAN_SYSTEM_PORTS", "0");
-    const auto unset = qScopeGuard([] {
-        qunsetenv("XDG_RUNTIME_DIR");
-        qunsetenv("NV_SCAN_SYSTEM_PORTS");
-    });
+    const ScanOnly scanOnly(sim);
     ModalCloser closer;
     // The definition file lies beside the program and describes every message.
     QVERIFY(m_window->messagesStructure());
