@@ -180,10 +180,10 @@ void Port::reportSent(const NvMessage& message)
 
 bool Port::write(const NvMessage& message)
 {
-    if (!writeFrame(message))
-        return false;
-    reportSent(message); // outside every lock: a handler may well send a message itself
-    return true;
+    // Reported before it goes out, so that a quick reply is never reported before its
+    // request; outside every lock: a handler may well send a message itself.
+    reportSent(message);
+    return writeFrame(message);
 }
 
 Port::Pending* Port::pendingFor(uint8_t mid, uint8_t bus, bool masterPort)
@@ -208,6 +208,9 @@ NvResultValue Port::request(const NvMessage& message, uint8_t replyMid, NvMessag
     auto forget = [this, &pending] {
         m_pending.erase(std::remove(m_pending.begin(), m_pending.end(), &pending), m_pending.end());
     };
+    // Reported before it goes out (a quick reply must not be reported first) and with no
+    // lock held: a handler that makes a request of its own on this port simply goes first.
+    reportSent(message);
     {
         std::lock_guard<std::mutex> order(m_requestMutex);
         {
@@ -222,9 +225,6 @@ NvResultValue Port::request(const NvMessage& message, uint8_t replyMid, NvMessag
             return NRV_PORT_WRITE_ERROR;
         }
     }
-    // Reported with no lock held: a handler that makes a request of its own on this port
-    // queues it behind this one instead of waiting for a lock this call holds.
-    reportSent(message);
     std::unique_lock<std::mutex> lock(m_replyMutex);
     m_replyCv.wait_for(lock, std::chrono::milliseconds(timeoutMs),
                        [&] { return pending.answered || m_hungUp; });
