@@ -171,7 +171,7 @@ private:
     int m_mode = RealTime;
     quint64 m_frameCount = 0;
     quint64 m_index = 0;
-    quint64 m_nextDelivery = 0;    // the first frame not yet given to the views
+    quint64 m_nextDelivery = 0;    // the first frame the views have not had
     double m_frameInterval = 10.0; // ms
     QElapsedTimer m_startTime;
     quint64 m_startFrame = 0;

@@ -73,7 +73,7 @@ public:
     // whose extremes are the same sample). The column before `from` is included, so that
     // a line enters from the left edge. Everything is recomputed only when the width
     // changes, the window starts before what is kept, the ring was cleared (or is another
-    // one), or samples not yet scanned were dropped from the ring; otherwise only new
+    // one), or samples still to be scanned were dropped from the ring; otherwise only new
     // samples are scanned. The last column is scanned whole, also past `to`.
     const std::vector<PlotSample>& update(const PlotRing& ring, double from, double to,
                                           double width);
@@ -106,7 +106,7 @@ private:
     bool m_valid = false;
     int64_t m_firstColumn = 0;    // column of m_columns.front()
     std::deque<Column> m_columns; // contiguous from m_firstColumn
-    uint64_t m_nextSeq = 0;       // first sample not yet folded
+    uint64_t m_nextSeq = 0;       // first sample the columns do not hold
     std::vector<PlotSample> m_points;
     double m_lo = 0, m_hi = 0; // of m_points
     uint64_t m_fullRecomputes = 0;
