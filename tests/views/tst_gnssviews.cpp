@@ -10,6 +10,7 @@
 #include "ndacontrol.h"
 #include "ndadevice.h"
 #include "viewmanager.h"
+#include "viewstest.h"
 
 #include "nvdatapacket.h"
 
@@ -84,14 +85,9 @@ QStringList barLabels(QCustomPlot* plot)
     return ticker ? QStringList(ticker->ticks().values()) : QStringList();
 }
 
-struct Harness
-{
-    QMdiArea area;
-    NdaControl control;
-    ViewManager views{control, area};
-};
-
 } // namespace
+
+using viewstest::Harness;
 
 class TestGnssViews : public QObject
 {
@@ -380,12 +376,11 @@ void TestGnssViews::viewsOfAnEmulatedGnssDeviceFollowItsDrive()
     Harness h;
     h.area.resize(1000, 700);
     h.area.show();
-    NvControl_setReplyTimeout(h.control.libraryControl(), 5000); // loaded machines
-    QVERIFY2(h.control.openPort(sim.ports()[0].path, NBR_115200, 0),
-             qPrintable(h.control.lastResultText()));
-    const NvDeviceId id = NvDeviceId::fromString(sim.ports()[0].id);
+    NdaDevice* opened = h.open(sim);
+    QVERIFY2(opened, qPrintable(h.control.lastResultText()));
+    NdaDevice& device = *opened;
+    const NvDeviceId id = device.deviceId();
     QVERIFY(id.isGnss());
-    NdaDevice& device = h.control.requestDevice(id);
     // Satellite info is not among the defaults: add it at 4 Hz.
     if (device.isMeasuring())
         QVERIFY(device.gotoConfig());
@@ -455,11 +450,10 @@ void TestGnssViews::viewsCloseWhenTheDeviceGoesAway()
     Harness h;
     h.area.resize(900, 600);
     h.area.show();
-    NvControl_setReplyTimeout(h.control.libraryControl(), 5000); // loaded machines
-    QVERIFY2(h.control.openPort(sim.ports()[0].path, NBR_115200, 0),
-             qPrintable(h.control.lastResultText()));
-    const NvDeviceId id = NvDeviceId::fromString(sim.ports()[0].id);
-    NdaDevice& device = h.control.requestDevice(id);
+    NdaDevice* opened = h.open(sim);
+    QVERIFY2(opened, qPrintable(h.control.lastResultText()));
+    NdaDevice& device = *opened;
+    const NvDeviceId id = device.deviceId();
     if (!device.isMeasuring())
         QVERIFY(device.gotoMeasurement());
     for (ViewType type : {PositionView, GnssSatInfoView, UtcDateTimeView}) {

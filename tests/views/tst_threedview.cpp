@@ -6,6 +6,7 @@
 #include "ndadevice.h"
 #include "threedviewer.h"
 #include "viewmanager.h"
+#include "viewstest.h"
 
 #include "nvdatapacket.h"
 
@@ -79,14 +80,9 @@ double changedShare(const QImage& a, const QImage& b)
     return double(changed) / (a.width() * a.height());
 }
 
-struct Harness
-{
-    QMdiArea area;
-    NdaControl control;
-    ViewManager views{control, area};
-};
-
 } // namespace
+
+using viewstest::Harness;
 
 class TestThreeDView : public QObject
 {
@@ -273,11 +269,10 @@ void TestThreeDView::followsAnEmulatedTracker()
     Harness h;
     h.area.resize(700, 500);
     h.area.show();
-    NvControl_setReplyTimeout(h.control.libraryControl(), 5000); // loaded machines
-    QVERIFY2(h.control.openPort(sim.ports()[0].path, NBR_115200, 0),
-             qPrintable(h.control.lastResultText()));
-    const NvDeviceId id = NvDeviceId::fromString(sim.ports()[0].id);
-    NdaDevice& device = h.control.requestDevice(id);
+    NdaDevice* opened = h.open(sim);
+    QVERIFY2(opened, qPrintable(h.control.lastResultText()));
+    NdaDevice& device = *opened;
+    const NvDeviceId id = device.deviceId();
     if (!device.isMeasuring())
         QVERIFY(device.gotoMeasurement());
     h.views.allowView(ThreeDView);
@@ -304,11 +299,10 @@ void TestThreeDView::closesWhenTheDeviceGoesAway()
     Harness h;
     h.area.resize(700, 500);
     h.area.show();
-    NvControl_setReplyTimeout(h.control.libraryControl(), 5000); // loaded machines
-    QVERIFY2(h.control.openPort(sim.ports()[0].path, NBR_115200, 0),
-             qPrintable(h.control.lastResultText()));
-    const NvDeviceId id = NvDeviceId::fromString(sim.ports()[0].id);
-    NdaDevice& device = h.control.requestDevice(id);
+    NdaDevice* opened = h.open(sim);
+    QVERIFY2(opened, qPrintable(h.control.lastResultText()));
+    NdaDevice& device = *opened;
+    const NvDeviceId id = device.deviceId();
     if (!device.isMeasuring())
         QVERIFY(device.gotoMeasurement());
     h.views.allowView(ThreeDView);
