@@ -57,9 +57,12 @@ function(kv_add_qt_test name)
     if(NOT ARG_TIMEOUT)
         set(ARG_TIMEOUT 120)
     endif()
+    # A home of its own: settings files of tests running side by side never meet.
+    set(home ${CMAKE_CURRENT_BINARY_DIR}/home/${name})
+    file(MAKE_DIRECTORY ${home})
     set_tests_properties(${name} PROPERTIES
         TIMEOUT ${ARG_TIMEOUT}
-        ENVIRONMENT "QT_QPA_PLATFORM=offscreen;QT_LOGGING_TO_CONSOLE=1;${ARG_ENV}")
+        ENVIRONMENT "QT_QPA_PLATFORM=offscreen;QT_LOGGING_TO_CONSOLE=1;HOME=${home};${ARG_ENV}")
 endfunction()
 
 # One Qt Test program per tst_*.cpp of the calling folder, each run offscreen against

@@ -29,7 +29,7 @@ trap cleanup EXIT
 
 if [ -x "$dir/bin/kvsim" ]; then
     kv_log "Starting kvsim"
-    "$dir/bin/kvsim" --device imu --device ahrs --device gnss &
+    "$dir/bin/kvsim" --device imu --device ahrs --device gnss --device master:4,docked=1 &
     sim_pid=$!
     sleep 1
 else

@@ -616,10 +616,22 @@ void KvManager::constructDeviceModel()
             QStringLiteral("DeviceConnected_%1")
                 .arg(QString::fromStdString(code.empty() ? id.typeName() : code)));
     });
+    // Trackers call in one after another once a radio is on: one rebuild for a burst.
+    m_trackerReloadTimer = new QTimer(this);
+    m_trackerReloadTimer->setSingleShot(true);
+    m_trackerReloadTimer->setInterval(250);
+    connect(m_trackerReloadTimer, &QTimer::timeout, this, [this] {
+        if (m_deviceList && m_ndaControl && !m_ndaControl->isReadingFromFile())
+            reloadDeviceList();
+    });
+    connect(m_deviceModel, &DeviceModel::trackersChanged, m_trackerReloadTimer,
+            qOverload<>(&QTimer::start));
 }
 
 void KvManager::destructDeviceModel()
 {
+    delete m_trackerReloadTimer;
+    m_trackerReloadTimer = nullptr;
     // Its rows hold devices: it goes before the device control.
     delete m_deviceModel;
     m_deviceModel = nullptr;

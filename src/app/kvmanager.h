@@ -345,6 +345,7 @@ private:
     NvDeviceIdArray m_heldDevices;
     QTimer* m_deviceStatusTimer = nullptr;
     QTimer* m_batteryTimer = nullptr;
+    QTimer* m_trackerReloadTimer = nullptr;
     QTimer* m_gpsStatusTimer = nullptr;
     size_t m_recordingDevices = 0;
     size_t m_waitingDevices = 0;

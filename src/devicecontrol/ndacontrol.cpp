@@ -601,6 +601,11 @@ int NdaControl::lastKnownRssi(const NvDeviceId& id) const
                [](NvDevice* d) { return NvDevice_lastKnownRssi(d); });
 }
 
+int NdaControl::busId(const NvDeviceId& id) const
+{
+    return ask(lib(id), 0, [](NvDevice* d) { return NvDevice_busId(d); });
+}
+
 bool NdaControl::isRadioEnabled(const NvDeviceId& id) const
 {
     return ask(lib(id), false, [](NvDevice* d) { return NvDevice_isRadioEnabled(d) != 0; });

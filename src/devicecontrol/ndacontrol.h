@@ -105,6 +105,8 @@ public:
     int getBatteryLevel(const NvDeviceId& id) const;
     NvConnectivityState connectivityState(const NvDeviceId& id) const;
     int lastKnownRssi(const NvDeviceId& id) const;
+    // 1..32 behind a master (its slot + 1), 255 on a port, 0 when unknown.
+    int busId(const NvDeviceId& id) const;
     bool isRadioEnabled(const NvDeviceId& id) const;
     int radioChannel(const NvDeviceId& id) const;
     int getScenario(const NvDeviceId& id) const; // the on-board filter profile

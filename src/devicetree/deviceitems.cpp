@@ -138,6 +138,10 @@ KvwItem* KvwItem::createItem(const NvDeviceId& id, DeviceModel& model)
     item->m_battery = new DeviceListTreeItem(tr("Battery Level"), int(KvwInfo::BatteryUnknown),
                                              BatteryLevel, model);
     status->appendChild(item->m_battery);
+    // How the tracker reaches its master: the dock's cable or the radio.
+    item->m_connectionRow =
+        new DeviceListTreeItem(tr("Connection"), QString(), ReadOnlyText, model);
+    status->appendChild(item->m_connectionRow);
     item->setIcon(DeviceModel::familyIcon(QStringLiteral("kvw")));
     item->refresh();
     return item;
@@ -155,6 +159,7 @@ void KvwItem::refresh()
         setPower(!control.isInTransportMode(id));
         m_connection = control.isDeviceWireless(id) ? Wireless : Docked;
     }
+    m_connectionRow->setValue(connectionText(m_connection));
     if (dev.isValid()) {
         const int level = dev.batteryLevel();
         if (level >= 0)
@@ -177,6 +182,19 @@ QMenu* KvwItem::contextMenu()
     DeviceModel* m = &model();
     connect(power, &QAction::triggered, m, [m, id] { m->powerOff(id); });
     return menu;
+}
+
+QString KvwItem::connectionText(Connection connection)
+{
+    switch (connection) {
+    case Docked:
+        return tr("Docked");
+    case Wireless:
+        return tr("Wireless");
+    case FromFile:
+        return tr("Recording");
+    }
+    return QString();
 }
 
 int KvwItem::batteryLevel() const

@@ -114,6 +114,8 @@ public:
     // True when the stored level changed.
     bool setBatteryLevel(int percent);
     DeviceListTreeItem* batteryItem() const { return m_battery; }
+    DeviceListTreeItem* connectionItem() const { return m_connectionRow; }
+    static QString connectionText(Connection connection);
 
 private:
     KvwItem(const NvDeviceId& id, DeviceModel& model);
@@ -121,6 +123,7 @@ private:
 
     DeviceListTreeItem* m_power = nullptr;
     DeviceListTreeItem* m_battery = nullptr;
+    DeviceListTreeItem* m_connectionRow = nullptr;
     bool m_powerOn = true;
     Connection m_connection = Docked;
 };

@@ -46,6 +46,7 @@ DeviceModel::DeviceModel(NdaControl& control, QObject* parent)
     qRegisterMetaType<DeviceListTreeItem::Type>("DeviceListTreeItem::Type");
     clear();
     connect(&m_control, &NdaCallback::batteryLevelChanged, this, &DeviceModel::updateBatteryLevels);
+    connect(&m_control, &NdaCallback::kvwConnected, this, &DeviceModel::handleKvwConnected);
     m_linkTimer.setInterval(1000);
     connect(&m_linkTimer, &QTimer::timeout, this, &DeviceModel::updateLinkHealth);
     m_linkTimer.start();
@@ -379,7 +380,16 @@ void DeviceModel::reloadList()
         connected.push_back(id);
     }
 
-    for (const NvDeviceId& id : m_control.deviceIds()) {
+    // Trackers in the order of their master's slots, as the master lists them.
+    NvDeviceIdArray trackers = m_control.deviceIds();
+    std::vector<std::pair<int, NvDeviceId>> bySlot;
+    bySlot.reserve(trackers.size());
+    for (const NvDeviceId& id : trackers)
+        bySlot.emplace_back(m_control.busId(id), id);
+    std::stable_sort(bySlot.begin(), bySlot.end(),
+                     [](const auto& a, const auto& b) { return a.first < b.first; });
+    for (const auto& entry : bySlot) {
+        const NvDeviceId& id = entry.second;
         if (m_devices.count(id))
             continue;
         DeviceItem* item = makeTrackerItem(id);
@@ -589,6 +599,20 @@ void DeviceModel::setBatteryLevel(const NvDeviceId& id, int percent)
         pack->setBatteryLevel(percent);
         emitItemDataChanged(pack->batteryItem(), ValueColumn, ValueColumn);
     }
+}
+
+void DeviceModel::handleKvwConnected(const KvwInfo& info)
+{
+    DeviceItem* item = deviceItem(info.deviceId);
+    auto* kvw = dynamic_cast<KvwItem*>(item);
+    if (!kvw) {
+        if (!item && !m_rebuilding)
+            emit trackersChanged();
+        return;
+    }
+    kvw->refresh();
+    emitItemDataChanged(kvw->connectionItem(), ValueColumn, ValueColumn);
+    emitItemDataChanged(kvw->batteryItem(), ValueColumn, ValueColumn);
 }
 
 void DeviceModel::updateLinkHealth()

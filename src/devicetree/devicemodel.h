@@ -103,6 +103,9 @@ public slots:
     void emitUserChangedData();
     // Reads every device's link again; updates only the cells that changed.
     void updateLinkHealth();
+    // A tracker called in, docked or left its dock: a known row is refreshed, a new
+    // tracker asks for a rebuild (the tree is only ever built whole).
+    void handleKvwConnected(const KvwInfo& info);
 
 signals:
     void deviceAboutToBeRemoved(const QModelIndex& index, const NvDeviceId& id);
@@ -113,6 +116,8 @@ signals:
     void listRebuilt();
     // A rebuild gave a main device its row (the usage statistics count these).
     void deviceConnected(const NvDeviceId& id);
+    // A tracker without a row is connected now; the owner of the list rebuilds it.
+    void trackersChanged();
 
 private:
     friend class DeviceItem;

@@ -173,17 +173,29 @@ void TestDeviceModel::rebuildListsMastersFirstWithTrackersAndFacts()
         QCOMPARE(changed.count(), 1);
         QCOMPARE(changed.at(0).at(0).value<QModelIndex>(), battery);
 
-        // Trackers on the radio join the group at the next rebuild; they cannot be
-        // powered off from here.
+        // Trackers on the radio ask for a rebuild and join the group in slot order, each
+        // saying how it is connected; they cannot be powered off from here.
+        QSignalSpy trackersChanged(&model, &DeviceModel::trackersChanged);
         QVERIFY(control.enableRadio(master, 11));
         QTRY_COMPARE_WITH_TIMEOUT(int(control.deviceIds().size()), 6, 10000);
+        QTRY_VERIFY(trackersChanged.count() >= 1);
         model.reloadList();
         const QModelIndex radioGroup =
             childByKey(model, model.index(0, 0), QStringLiteral("Connected Devices"));
         QCOMPARE(model.rowCount(radioGroup), 3);
-        int wireless = 0;
+        int wireless = 0, lastBus = 0;
         for (int row = 0; row < 3; ++row) {
             const NvDeviceId tracker = rowDevice(model.index(row, 0, radioGroup));
+            QVERIFY(control.busId(tracker) > lastBus);
+            lastBus = control.busId(tracker);
+            const QModelIndex trackerStatus = childByKey(model, model.index(row, 0, radioGroup),
+                                                         QStringLiteral("Status Information"));
+            QCOMPARE(childByKey(model, trackerStatus, QStringLiteral("Connection"))
+                         .siblingAtColumn(1)
+                         .data()
+                         .toString(),
+                     control.isDeviceWireless(tracker) ? QStringLiteral("Wireless")
+                                                       : QStringLiteral("Docked"));
             if (!control.isDeviceWireless(tracker))
                 continue;
             ++wireless;
