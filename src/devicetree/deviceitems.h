@@ -114,7 +114,6 @@ public:
     // True when the stored level changed.
     bool setBatteryLevel(int percent);
     DeviceListTreeItem* batteryItem() const { return m_battery; }
-    DeviceListTreeItem* connectionItem() const { return m_connectionRow; }
     static QString connectionText(Connection connection);
 
 private:

@@ -381,10 +381,8 @@ void DeviceModel::reloadList()
     }
 
     // Trackers in the order of their master's slots, as the master lists them.
-    NvDeviceIdArray trackers = m_control.deviceIds();
     std::vector<std::pair<int, NvDeviceId>> bySlot;
-    bySlot.reserve(trackers.size());
-    for (const NvDeviceId& id : trackers)
+    for (const NvDeviceId& id : m_control.deviceIds())
         bySlot.emplace_back(m_control.busId(id), id);
     std::stable_sort(bySlot.begin(), bySlot.end(),
                      [](const auto& a, const auto& b) { return a.first < b.first; });
@@ -610,9 +608,7 @@ void DeviceModel::handleKvwConnected(const KvwInfo& info)
             emit trackersChanged();
         return;
     }
-    kvw->refresh();
-    emitItemDataChanged(kvw->connectionItem(), ValueColumn, ValueColumn);
-    emitItemDataChanged(kvw->batteryItem(), ValueColumn, ValueColumn);
+    kvw->refresh(); // announces its rows changed
 }
 
 void DeviceModel::updateLinkHealth()
